@@ -1,0 +1,254 @@
+// Command line, signal handling and the top-level flow of each role.
+#include "core/flow.h"
+
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "client/client.h"
+#include "core/env.h"
+#include "discovery/ddprobe.h"
+#include "server/server.h"
+#include "util/addr.h"
+#include "util/log.h"
+#include "util/sys.h"
+
+static constexpr const char *usage_lines[] = {
+    "-C                  mode client",
+    "-S                  mode server",
+    "-d                  dry run",
+    "-i ifname           bind interface",
+    "-l level            log level",
+    "-o                  log out to stderr, default to syslog",
+};
+static_assert(sizeof(usage_lines) / sizeof(usage_lines[0]) == 6, "six usage lines");
+
+void usage(void)
+{
+    for (const char *line : usage_lines)
+        puts(line);
+}
+
+int32_t parse_args(int argc, char **argv)
+{
+    int opt;
+    optind = 0;   // rescan from the start (both glibc and musl honour 0)
+    while ((opt = getopt(argc, argv, "i:t:l:CdoSh")) != -1) {
+        switch (opt) {
+        case 'i':
+            memset(g_ifname, 0, sizeof(g_ifname));
+            // One less than the buffer allows: names keep at most 14 characters.
+            snprintf(g_ifname, sizeof(g_ifname) - 1, "%s", optarg);
+            break;
+        case 't':
+            g_exit_timeout = atoi(optarg);
+            break;
+        case 'l':
+            log_level_set(atoi(optarg));
+            break;
+        case 'C':
+            g_is_server = 0;
+            break;
+        case 'd':
+            g_dry_run = 1;
+            break;
+        case 'o':
+            log_mode_set(LOG_MODE_STDERR);
+            break;
+        case 'S':
+            g_is_server = 1;
+            break;
+        case 'h':
+            usage();
+            return PLAITD_PARSE_EXIT_OK;
+        default:
+            usage();
+            return PLAITD_PARSE_EXIT_BAD;
+        }
+    }
+    return PLAITD_PARSE_RUN;
+}
+
+// Runs on the main thread whenever a signal lands; no locks by design, so a
+// signal takes effect at once wherever the flow stands.
+void sig_handler(int sig)
+{
+    LOG(3, "NOTE: get sig: %d.\n", sig);
+    if (sig != SIGUSR1) {
+        cleanup_mesh_cable();
+        exit(-1);
+    }
+    if (g_is_server)
+        return;
+    if (get_gw_ip(g_gw_srv_ip, g_local_wan_ip) == 0) {
+        get_wan_ifname(g_ifname);
+        g_retry_flag = 1;
+    } else {
+        g_retry_flag = 0;
+    }
+    LOG(3, "RE triggered to get new gw:[%s] and ip:[%s] from iface: [%s]\n", g_gw_srv_ip,
+        g_local_wan_ip, g_ifname);
+}
+
+// A text test of "same /24": the common prefix must pass exactly three dots.
+int32_t capip_ip_compare(const char *a, const char *b)
+{
+    if (!a || !b)
+        return -1;
+    int dots = 0;
+    for (; *a && *b && *a == *b; a++, b++)
+        if (*a == '.')
+            dots++;
+    return dots == 3 ? 0 : 1;
+}
+
+static void install_signals(void)
+{
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = sig_handler;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGUSR1, &sa, nullptr);
+}
+
+int32_t cap_flow(void)
+{
+    if (g_ifname[0])
+        dd_srv_probe(g_ifname);
+    init_mesh_cable();
+    do {
+        ip_changed = 0;
+        start_mesh_server(g_ifname, 0);
+    } while (ip_changed);
+    cleanup_mesh_cable();
+    return 0;
+}
+
+static int32_t re_exit(int32_t rc)
+{
+    cleanup_mesh_cable();
+    return rc;
+}
+
+static int32_t re_initted(void)
+{
+    if (is_initted() != 0)
+        return 0;
+    LOG(3, "RE already initted, exit.\n");
+    return 1;
+}
+
+// Probes until a CAP answers. 1 = the box turned out to be initialised.
+static int32_t re_discover(void)
+{
+    for (;;) {
+        if (re_initted())
+            return 1;
+        if (dd_clt_probe(g_ifname, g_cap_ip) == 0)
+            break;
+        LOG(3, "dd_clt: no CAP found in L2-net. just exit. \n");
+        sleep(4);
+    }
+    LOG(3, "dd_clt: CAP found in L2-net. Continue for meshing...\n");
+    return 0;
+}
+
+static int32_t re_ready(void)
+{
+    return g_local_wan_ip[0] && g_gw_srv_ip[0] && g_retry_flag == 1 && check_cable_pluged(1) == 0;
+}
+
+// The factory LAN address of both boxes clashes with the way to the CAP.
+// Compared over the length of the first text: an empty CAP address clashes.
+static int32_t re_clash(void)
+{
+    return strncmp(g_gw_srv_ip, g_default_lan_ip, strlen(g_gw_srv_ip)) == 0 ||
+           strncmp(g_cap_ip, g_default_lan_ip, strlen(g_cap_ip)) == 0;
+}
+
+static void re_set_lan_ip(const char *ip)
+{
+    char cmd[256];
+    snprintf(cmd, sizeof(cmd), "uci -q set network.lan.ipaddr=%s;uci commit network;ifconfig br-lan %s",
+             ip, ip);
+    sys_system(cmd);
+}
+
+static int32_t re_attempt(void)
+{
+    const char *srv = g_cap_ip[0] ? g_cap_ip : g_gw_srv_ip;
+    return start_mesh_client(g_ifname, g_local_wan_ip, srv);
+}
+
+enum re_step { RE_NEXT, RE_DONE, RE_RESTART };
+
+// One pass of the pairing loop; `last` keeps the latest client result.
+static re_step re_pair_once(int32_t *last)
+{
+    if (re_initted())
+        return RE_DONE;
+    if (re_ready()) {
+        if (!re_clash()) {
+            *last = re_attempt();
+        } else {
+            LOG(3, "NOTE: !!! br-lan and wan gateway ip are same: %s, change ip to %s\n", g_gw_srv_ip,
+                g_local_wan_ip);
+            re_set_lan_ip(g_local_wan_ip);
+            usleep(100000);
+            *last = re_attempt();
+            if (*last == 0) {
+                LOG(3, "RE cab mesh init done. exit.\n");
+                return RE_DONE;
+            }
+            LOG(3, "NOTE: !!! restore br-lan ip to origin ip-addr.\n");
+            re_set_lan_ip(g_default_lan_ip);
+            if (capip_ip_compare(g_cap_ip, g_local_wan_ip) != 0) {
+                sys_system("killall -9 udhcpc");
+                sleep(5);
+                return RE_RESTART;
+            }
+        }
+        if (g_is_success) {
+            LOG(3, "Success, Cons, Enjoy!!!!!!!!!!!!\n");
+            return RE_DONE;
+        }
+    }
+    sleep(3);
+    // A finished attempt without success (a dry run) ends the process quietly.
+    return *last == 0 ? RE_DONE : RE_NEXT;
+}
+
+int32_t re_flow(void)
+{
+    init_mesh_cable();
+    int32_t last = -1;
+    for (;;) {
+        if (g_ifname[0] && re_discover())
+            return re_exit(0);
+        g_retry_flag = get_gw_ip(g_gw_srv_ip, g_local_wan_ip) == 0 ? 1 : 0;
+        re_step step;
+        while ((step = re_pair_once(&last)) == RE_NEXT) {
+        }
+        if (step == RE_DONE)
+            return re_exit(0);
+    }
+}
+
+int plaitd_main(int argc, char **argv)
+{
+    int32_t rc = parse_args(argc, argv);
+    if (rc != PLAITD_PARSE_RUN)
+        return rc == PLAITD_PARSE_EXIT_OK ? 0 : -1;
+    install_signals();
+    if (tolva_check_env() != 0) {
+        LOG(3, "check env failed for mode: %d, exit.\n", g_is_server);
+        return -1;
+    }
+    while (check_boot_ready() != 0)
+        sleep(1);
+    return g_is_server ? cap_flow() : re_flow();
+}
