@@ -1,0 +1,169 @@
+#include "client/client.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "conn/tls.h"
+#include "core/env.h"
+#include "core/flow.h"
+#include "discovery/ddprobe.h"
+#include "platform/meshlock.h"
+#include "proto/auth.h"
+#include "proto/frame.h"
+#include "server/server.h"
+#include "util/log.h"
+
+int32_t g_timer_flag = 0;
+
+int32_t start_mesh_client(const char *ifname, const char *local_ip, const char *cap_ip)
+{
+    char mac[19];
+
+    g_is_success = 0;
+    if (!cap_ip || !cap_ip[0]) {
+        LOG(3, "connect target is invalid.\n");
+        return -1;
+    }
+    if (!ifname || !ifname[0])
+        ifname = "eth4";
+
+    // The WAN MAC may have changed since start-up (the platform can swap it);
+    // the CAP learns it from the authentication request.
+    memset(mac, 0, sizeof(mac));
+    if (get_iface_mac(ifname, mac, sizeof(mac)) == 0 && strncmp(mac, g_macaddr, 18) != 0) {
+        LOG(3, "NOTE: replace wan ip with `ifconfig wan` instead of `macinfo wan`\n");
+        strncpy(g_macaddr, mac, sizeof(g_macaddr));
+        g_macaddr[sizeof(g_macaddr) - 1] = '\0';
+    }
+
+    if (setup_service("RE", ifname, local_ip, 0) != 0) {
+        LOG(3, "setup entity failed.\n");
+        return -1;
+    }
+    client_open_timer();
+    if (client_connect(main_ent, cap_ip) != 0)
+        return -1;
+    client_loop();
+    client_close_timer();
+    return g_is_success ? 0 : -1;
+}
+
+int32_t client_connect(entity *ent, const char *cap_ip)
+{
+    struct sockaddr_in sa;
+    int rc;
+
+    if (!ent || ent->fd < 0 || !ent->ssl) {
+        LOG(3, "ent or ent->fd or ent->ssl invalid.\n");
+        return -1;
+    }
+    if (!cap_ip || !cap_ip[0]) {
+        LOG(3, "[%.64s] target srv is invalid.\n", ent->name);
+        return -1;
+    }
+
+    memset(&sa, 0, sizeof(sa));
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(MESH_PORT);
+    if (inet_aton(cap_ip, &sa.sin_addr) == 0) {
+        LOG(3, "[%.64s] inet_aton(%s) failed, %s.\n", ent->name, cap_ip, strerror(errno));
+        goto fail;
+    }
+    if (connect(ent->fd, (struct sockaddr *)&sa, sizeof(sa)) != 0) {
+        LOG(3, "[%.64s] connect(%s) failed, %s.\n", ent->name, cap_ip, strerror(errno));
+        goto fail;
+    }
+    change_state(ent, ST_TCP_DONE);
+
+    rc = SSL_connect(ent->ssl);
+    if (rc != 1) {
+        LOG(3, "[%.64s] ssl connect failed: %d.\n", ent->name, SSL_get_error(ent->ssl, rc));
+        goto fail;
+    }
+    change_state(ent, ST_SSL_DONE);
+
+    if (send_auth_req(ent) == 0) {
+        change_state(ent, ST_AUTH_SENT);
+        return 0;
+    }
+
+fail:
+    client_close_timer();
+    free_entity(ent);
+    return -1;
+}
+
+void client_loop(void)
+{
+    char name[64];
+
+    memset(name, 0, sizeof(name));
+    if (main_ent)
+        memcpy(name, main_ent->name, sizeof(name) - 1);
+
+    // The request is already out; the lock covers the rest of the exchange
+    // and the RE's own initialisation.
+    if (tolvaGetMeshLock() < 0) {
+        LOG(3, "other process locked MeshLock, retry!");
+        sleep(3);
+        g_is_success = 0;
+        return;
+    }
+    LOG(3, "client thread %s start..., locked time %d\n", name, (int)MESH_LOCK_LIFE);
+    while (main_ent && main_ent->ssl && main_ent->state != ST_STOP)
+        recv_message(main_ent);
+    stop = 1;
+    tolvaRemoveMeshLock();
+    LOG(3, "client thread %s stop..., unlocked\n", name);
+}
+
+void client_open_timer(void)
+{
+    g_timer_flag = 1;
+    LOG(3, "open %d s timer for client/server interaction.\n", (int)CLIENT_TIMEOUT);
+    signal(SIGALRM, client_free_connect);
+    alarm(CLIENT_TIMEOUT);
+}
+
+void client_close_timer(void)
+{
+    if (g_timer_flag != 1)
+        return;
+    g_timer_flag = 0;
+    LOG(3, "close %d s timer\n", (int)CLIENT_TIMEOUT);
+    alarm(0);
+}
+
+// SIGALRM: the CAP took too long. Cut the connection so that the blocked
+// read in the client loop fails and the loop sees ST_STOP.
+void client_free_connect(int sig)
+{
+    if (sig != SIGALRM)
+        return;
+    LOG(3, "%d s timer reached, interaction timeout, free it.\n", (int)CLIENT_TIMEOUT);
+    change_state(main_ent, ST_STOP);
+    entity_disconnect(main_ent);
+}
+
+int32_t init_mesh_cable(void)
+{
+    return ssl_init();
+}
+
+void cleanup_mesh_cable(void)
+{
+    LOG(3, "cleanup cable-mesh resources before exit.\n");
+    stop = 1;
+    for (int i = ENT_POOL_SIZE - 1; i >= 1; i--)
+        free_entity(&ent_pool[i]);
+    if (main_ent)
+        free_entity(main_ent);
+    switch_conning_light(0);
+    tolvaRemoveMeshLock();
+    ssl_uninit();
+}

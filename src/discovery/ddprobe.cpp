@@ -1,0 +1,203 @@
+// Discovery: the CAP's responder thread, the RE's probe, and the interface
+// address queries both of them use.
+#include "discovery/ddprobe.h"
+
+#include <pthread.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "conn/sockopt.h"
+#include "core/flow.h"
+#include "discovery/ddsock.h"
+#include "platform/meshlock.h"
+#include "util/log.h"
+#include "util/shell.h"
+
+namespace {
+
+constexpr int IP_TEXT_LEN = 16;
+constexpr int RE_MAGIC_LEN = 17;    // the NUL is not compared
+constexpr int CAP_MAGIC_LEN = 18;
+
+// Sender on the LAN address (kernel-chosen port, broadcast on) and the
+// receiver on 0.0.0.0:19553. Both or neither.
+int32_t srv_open_sockets(const char *local_ip, int32_t *sender, int32_t *recver)
+{
+    *sender = dd_create_sockfd(local_ip, 0, 1);
+    *recver = dd_create_sockfd(nullptr, DD_PORT, 0);
+    if (*sender < 0 || *recver < 0) {
+        LOG_AS(3, "dd_srv_loop", "dd_srv_loop: create sock fd failed.\n");
+        dd_destory_sockfd(sender);
+        dd_destory_sockfd(recver);
+        return -1;
+    }
+    return 0;
+}
+
+int32_t iface_query(const char *cmd_fmt, const char *ifname, char *out, int len)
+{
+    if (!ifname || !out || len <= 0)
+        return -1;
+    char cmd[256];
+    char result[2048];
+    memset(result, 0, sizeof(result));
+    snprintf(cmd, sizeof(cmd), cmd_fmt, ifname);
+    if (tolva_exec_cmd(cmd, result, 1024) != 0 || !result[0])
+        return -1;
+    strncpy(out, str_trim(result), (size_t)len);
+    out[len - 1] = '\0';
+    return 0;
+}
+
+}  // namespace
+
+int get_iface_ip(const char *ifname, char *out, int len)
+{
+    if (iface_query("ifconfig %s |grep -o \"inet addr:[0-9.]*\"|awk -F: '{print $2}'", ifname, out,
+                    len) != 0)
+        return -1;
+    LOG(3, "get_iface_ip: [%s] = [%s]\n", ifname, out);
+    return 0;
+}
+
+int get_iface_mac(const char *ifname, char *out, int len)
+{
+    if (iface_query("ifconfig %s |grep -o \"HWaddr [0-9A-Z.:]*\"|awk '{print $2}'", ifname, out,
+                    len) != 0)
+        return -1;
+    LOG(3, "get_iface_mac: [%s] = [%s]\n", ifname, out);
+    return 0;
+}
+
+void *dd_srv_loop(void *arg)
+{
+    const char *ifname = (const char *)arg;
+    char local_ip[IP_TEXT_LEN];
+    memset(local_ip, 0, sizeof(local_ip));
+    if (ifname && ifname[0] && get_iface_ip(ifname, local_ip, IP_TEXT_LEN) != 0) {
+        local_ip[0] = '\0';
+        LOG(3, "dd_srv: get_iface_ip failed.\n");
+    }
+
+    int32_t sender = -1, recver = -1;
+    if (srv_open_sockets(local_ip, &sender, &recver) != 0)
+        return nullptr;
+    LOG(3, "dd_srv: enter broadcast recving loop.\n");
+
+    // One spare byte past the receive limit keeps the datagram a C string.
+    char buf[DD_RAW_BUF + 1];
+    char from_ip[IP_TEXT_LEN];
+    int from_port = 0;
+    for (;;) {
+        if (stop)
+            break;
+        memset(buf, 0, sizeof(buf));
+        if (dd_recv_msg(recver, from_ip, &from_port, buf, DD_RAW_BUF) != 0)
+            continue;
+
+        // A pairing in progress: let the RE keep probing until it is over.
+        if (tolvaTryRemoveMeshLock() > 0) {
+            LOG(3, "dd srv: meshing\n");
+            continue;
+        }
+        if (memcmp(buf, DD_RE_MAGIC, RE_MAGIC_LEN) != 0) {
+            LOG(3, "dd_srv: it's not msg from RE. data:[%s]\n", buf);
+            continue;
+        }
+
+        memset(buf, 0, sizeof(buf));
+        memcpy(buf, DD_CAP_MAGIC, CAP_MAGIC_LEN);
+        snprintf(buf + CAP_MAGIC_LEN, IP_TEXT_LEN, "%s", local_ip);
+        if (dd_send_msg(sender, DD_BROADCAST_IP, DD_PORT, buf, (int)strlen(buf) + 1) == 0)
+            continue;
+
+        // A send from an address the interface no longer has fails; that is
+        // the only sign of an address change we get.
+        LOG(3, "dd_srv: send msg failed.\n");
+        char new_ip[IP_TEXT_LEN];
+        memset(new_ip, 0, sizeof(new_ip));
+        if (get_iface_ip(ifname, new_ip, IP_TEXT_LEN) != 0) {
+            new_ip[0] = '\0';
+            LOG(3, "dd_srv: get_iface_ip failed.\n");
+        }
+        LOG(3, "pre ip %s new ip %s", local_ip, new_ip);
+        if (!new_ip[0] || strncmp(local_ip, new_ip, IP_TEXT_LEN - 1) == 0)
+            continue;
+
+        LOG(3, "ip changed, restart server");
+        memcpy(local_ip, new_ip, sizeof(local_ip));
+        ip_changed = 1;
+        dd_destory_sockfd(&sender);
+        dd_destory_sockfd(&recver);
+        if (srv_open_sockets(local_ip, &sender, &recver) != 0)
+            return nullptr;
+    }
+    dd_destory_sockfd(&sender);
+    dd_destory_sockfd(&recver);
+    return nullptr;
+}
+
+int dd_srv_probe(const char *ifname)
+{
+    pthread_t tid = 0;
+    int rc = pthread_create(&tid, nullptr, dd_srv_loop, (void *)ifname);
+    // Judged by sign, so an error number counts as started; only a thread
+    // that really exists is detached.
+    if (rc >= 0) {
+        if (rc == 0)
+            pthread_detach(tid);
+        LOG(3, "dd_srv: thread %d for CAP discovery created ok. \n", (int)tid);
+        return 0;
+    }
+    LOG(3, "dd_srv: thread %d for CAP discovery create failed. \n", (int)tid);
+    return -1;
+}
+
+int dd_clt_probe(const char *ifname, char *cap_ip)
+{
+    char local_ip[IP_TEXT_LEN];
+    memset(local_ip, 0, sizeof(local_ip));
+    if (ifname && ifname[0] && get_iface_ip(ifname, local_ip, IP_TEXT_LEN) != 0) {
+        local_ip[0] = '\0';
+        LOG(3, "dd_clt: get_iface_ip failed.\n");
+    }
+
+    int32_t sender = dd_create_sockfd(local_ip, 0, 1);
+    int32_t raw = dd_create_rawfd(ifname);
+    if (sender < 0 || raw < 0) {
+        dd_destory_sockfd(&sender);
+        dd_destory_sockfd(&raw);
+        return -1;
+    }
+    if (dd_send_msg(sender, DD_BROADCAST_IP, DD_PORT, DD_RE_MAGIC, RE_MAGIC_LEN + 1) != 0) {
+        LOG(3, "dd_clt: broadcst msg failed.\n");
+        dd_destory_sockfd(&sender);
+        dd_destory_sockfd(&raw);
+        return -1;
+    }
+
+    char buf[DD_RAW_BUF];
+    int ret = -1;
+    for (;;) {
+        memset(buf, 0, sizeof(buf));
+        // Negative: a frame not for us (our own request among them);
+        // 0: a second of silence or an error, the probe is over.
+        int n = dd_recv_raw_msg(raw, buf, DD_RAW_BUF);
+        if (n < 0)
+            continue;
+        if (n == 0)
+            break;
+        if (memcmp(buf, DD_CAP_MAGIC, CAP_MAGIC_LEN) != 0)
+            continue;
+        LOG(3, "dd_clt: ====== Found CAP in L2-NET. Well Done.\n");
+        if (cap_ip) {
+            memcpy(cap_ip, buf + CAP_MAGIC_LEN, IP_TEXT_LEN);
+            cap_ip[IP_TEXT_LEN - 1] = '\0';
+        }
+        ret = 0;
+        break;
+    }
+    dd_destory_sockfd(&sender);
+    dd_destory_sockfd(&raw);
+    return ret;
+}

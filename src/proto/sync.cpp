@@ -1,0 +1,170 @@
+// Configuration exchange: the CAP's record and text, the RE's acknowledgement.
+#include "proto/sync.h"
+
+#include <string.h>
+
+#include "client/client.h"
+#include "core/env.h"
+#include "core/flow.h"
+#include "platform/meshinit.h"
+#include "proto/frame.h"
+#include "util/log.h"
+#include "util/shell.h"
+
+char g_locate[64] = "default";
+
+enum { INITBUF_SIZE = 1024 };
+
+// Bounded copy into a zeroed field; a text that fills it stays unterminated.
+static void copy_text(char *dst, const char *src, size_t max)
+{
+    memcpy(dst, src, strnlen(src, max));
+}
+
+int32_t send_mesh_conf(entity *ent)
+{
+    if (!ent)
+        return -1;
+    if (tolvaGetWiFiConfig(&ent->wifi_conf) != 0) {
+        LOG(3, "GetWifiConfig failed, need drop connections.\n");
+        return -1;
+    }
+
+    // getCmdResultSlow looks at the byte before the buffer when the command
+    // prints nothing, so the buffer sits behind a zero byte.
+    struct {
+        char guard;
+        char text[INITBUF_SIZE];
+    } out;
+    memset(&out, 0, sizeof(out));
+    char *ext = out.text;
+    if (!getCmdResultSlow(MESH_INITBUF_CMD, ext, INITBUF_SIZE - 1) || ext[0] == 0) {
+        LOG(3, "[%.64s] mesh_ops.sh initbuf failed.\n", ent->name);
+        return -1;
+    }
+    if (g_locate[0] != 0) {
+        // At most 62 characters and the terminator.
+        size_t len = strnlen(g_locate, 62);
+        memcpy(ent->wifi_conf.locale, g_locate, len);
+        ent->wifi_conf.locale[len] = 0;
+    }
+    LOG(3, "[%.64s] send config with ext-jsonBuf: [%s]\n", ent->name, ext);
+
+    // Record, then the text and its terminator. A text too long for one
+    // frame is refused by send_message.
+    size_t n = strlen(ext);
+    uint8_t body[SYNC_TEXT_OFFSET + INITBUF_SIZE];
+    size_t body_len = SYNC_TEXT_OFFSET + n + 1;
+    memset(body, 0, body_len);
+    memcpy(body, &ent->wifi_conf, sizeof(ent->wifi_conf));
+    memcpy(body + SYNC_TEXT_OFFSET, ext, n);
+    if (send_message(ent, MSG_SYNC_REQ, body, (int32_t)body_len) > 0)
+        return 0;
+    LOG(3, "[%.64s] send_mesh_conf failed.\n", ent->name);
+    return -1;
+}
+
+int32_t process_sync_req(entity *ent, const uint8_t *body)
+{
+    if (!ent || !body)
+        return -1;
+    // The text may run to the end of the receive buffer; keep a terminated copy.
+    char text[MSG_BUF_SIZE - SYNC_TEXT_OFFSET + 1];
+    memset(text, 0, sizeof(text));
+    copy_text(text, (const char *)body + SYNC_TEXT_OFFSET, sizeof(text) - 1);
+    WiFiConfig conf;
+    memcpy(&conf, body, sizeof(conf));
+
+    if (text[0] == 0) {
+        send_sync_reply(ent, REPLY_FAIL, "read jsonBuf with NULL.");
+        return -1;
+    }
+    if (send_sync_reply(ent, REPLY_OK, "recv config sync correctly.\n") != 0) {
+        LOG(3, "[%.64s] send_sync_reply to peer failed. donot to init CAP/RE\n", ent->name);
+        return -1;
+    }
+    // Close before the platform scripts run: they may restart the network.
+    entity_disconnect(ent);
+    client_close_timer();
+
+    switch_conning_light(2);
+    LOG(3, "[%.64s] NOTE: execute tolvaInitRE procedure ........\n", ent->name);
+    LOG(3, "[%.64s] initRE json: [%s] \n", ent->name, text);
+    if (!g_dry_run) {
+        if (tolvaInitRe(&conf, text, 1) != 0)
+            LOG(3, "[%.64s] init RE failed, need reset.\n", ent->name);
+        // Counted as paired even when the script reported failure.
+        g_is_success = 1;
+    }
+    switch_conning_light(0);
+    change_state(ent, ST_STOP);
+    free_entity(ent);
+    return 0;
+}
+
+int32_t send_sync_reply(entity *ent, uint8_t code, const char *text)
+{
+    if (!ent || ent->state != ST_RUNNING)
+        return -1;
+    msg_reply reply;
+    memset(&reply, 0, sizeof(reply));
+    reply.code = (int8_t)code;
+    if (text)
+        copy_text(reply.text, text, sizeof(reply.text));
+    if (send_message(ent, MSG_SYNC_REPLY, (const uint8_t *)&reply, (int32_t)sizeof(reply)) > 0)
+        return 0;
+    LOG(3, "[%.64s] send_sync_reply failed.\n", ent->name);
+    return -1;
+}
+
+int32_t process_sync_reply(entity *ent, const uint8_t *body)
+{
+    if (!ent || !body || g_is_server == 0)
+        return -1;
+    // Whatever the answer, this peer's session is over.
+    entity_disconnect(ent);
+
+    msg_reply reply;
+    memcpy(&reply, body, sizeof(reply));
+    char text[sizeof(reply.text) + 1];
+    memset(text, 0, sizeof(text));
+    memcpy(text, reply.text, sizeof(reply.text));
+
+    if (reply.code != REPLY_OK) {
+        report_status("%s=%s:%d", "mesh.re.conn.fail", "SYNC_FAILED", 1);
+        LOG(3, "[%.64s] sync config rejected: [%d:%s] .\n", ent->name, reply.code, text);
+    } else {
+        // Terminated copies: a full 19-byte MAC field carries no terminator.
+        char macaddr[sizeof(ent->macaddr) + 1], mac2[sizeof(ent->mac2) + 1], mac5[sizeof(ent->mac5) + 1];
+        memset(macaddr, 0, sizeof(macaddr));
+        memset(mac2, 0, sizeof(mac2));
+        memset(mac5, 0, sizeof(mac5));
+        copy_text(macaddr, ent->macaddr, sizeof(ent->macaddr));
+        copy_text(mac2, ent->mac2, sizeof(ent->mac2));
+        copy_text(mac5, ent->mac5, sizeof(ent->mac5));
+
+        LOG(3, "[%.64s] sync config success.\n", ent->name);
+        switch_conning_light(1);
+        LOG(3, "[%.64s] NOTE: execute tolvaInitCap procedure ........\n", ent->name);
+        LOG(3, "[%.64s] tolvaInitCap,macaddr: %s, 2g: %s, 5g: %s\n", ent->name, macaddr, mac2, mac5);
+        if (!g_dry_run) {
+            disconnect_others(ent);
+            tolvaInitCap(&ent->wifi_conf, macaddr, mac2, mac5, 1);
+        }
+        switch_conning_light(0);
+    }
+    change_state(ent, ST_STOP);
+    free_entity(ent);
+    return 0;
+}
+
+void disconnect_others(entity *keep)
+{
+    for (int32_t i = 1; i < ENT_POOL_SIZE; i++) {
+        entity *ent = &ent_pool[i];
+        if (ent == keep || !ent->ssl)
+            continue;
+        LOG(3, "WARN: [%.64s] direct drop connections: [%.64s]\n", keep ? keep->name : "", ent->name);
+        free_entity(ent);
+    }
+}
