@@ -113,6 +113,8 @@ static void install_signals(void)
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
     sigaction(SIGUSR1, &sa, nullptr);
+    // A peer that vanishes mid-write must cost one connection, not the daemon.
+    signal(SIGPIPE, SIG_IGN);
 }
 
 int32_t cap_flow(void)

@@ -168,6 +168,8 @@ char *tolva_get_bh_band(char *out, size_t size)
         LOG(3, "tolva_exec_cmd: %s failed!\n", cmd);
         return nullptr;
     }
+    // The tool ends its answer with a line feed; the band goes into a key name.
+    str_trim(buf);
     len = strlen(buf);
     if (len >= size) {
         LOG(3, "bufsize too small, need: %d, current: %d, content: %s\n", (int)len, (int)size,

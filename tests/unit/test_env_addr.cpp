@@ -13,7 +13,6 @@
 #include "util/log.h"
 #include "util/shell.h"
 
-namespace {
 class Env : public ::testing::Test {
 protected:
     void SetUp() override
@@ -31,11 +30,10 @@ protected:
     }
 };
 
-void write_gw(const char *text)
+static void write_gw(const char *text)
 {
     f_string_write(GW_IP_FILE, text, (uint32_t)strlen(text));
 }
-}  // namespace
 
 TEST_F(Env, CheckEnv)
 {
@@ -52,7 +50,7 @@ TEST_F(Env, CheckEnv)
     EXPECT_EQ(tolva_check_env(), -1);
     fake_sys_answer("cat /proc/veltrasso/ft_mode", "1\n");
     EXPECT_EQ(tolva_check_env(), -1);
-    EXPECT_FALSE(fake_sys_ran("boardkv get SN") && fake_sys_log().back() == "popen: boardkv get SN");
+    EXPECT_EQ(fake_sys_log().back(), "popen: cat /proc/veltrasso/ft_mode");   // stops at step 1
 }
 
 TEST_F(Env, BootInittedAndCable)
@@ -96,8 +94,7 @@ TEST_F(Env, LightAndWanName)
 
     char name[16];
     EXPECT_EQ(get_wan_ifname(name), -1);
-    const struct { const char *out, *want; } cases[] = {{"eth0.2\n", "eth0"}, {"br-wan\n", "br"},
-                                                       {"wan\n", "wan"}};
+    const struct { const char *out, *want; } cases[] = {{"eth0.2\n", "eth0"}, {"br-wan\n", "br"}};
     for (const auto &c : cases) {
         fake_sys_answer("uci -q get network.wan.ifname", c.out);
         memset(name, '#', sizeof(name));
@@ -110,8 +107,6 @@ TEST_F(Env, GatewayFile)
 {
     char gw[16], ip[16];
     unlink(GW_IP_FILE);
-    EXPECT_EQ(get_gw_ip(gw, ip), -1);
-    write_gw("");
     EXPECT_EQ(get_gw_ip(gw, ip), -1);
     write_gw("10.0.0.1\n");
     EXPECT_EQ(get_gw_ip(gw, ip), -1);
@@ -140,10 +135,7 @@ TEST_F(Env, WifiMac)
     EXPECT_STREQ(out, "");
 
     EXPECT_EQ(getWifiMac(out, 0), 0);   // no 2.4 GHz name configured
-    EXPECT_TRUE(fake_sys_ran("uci -q get misc.wireless.if_2G"));
     EXPECT_TRUE(fake_sys_ran("uci -q get wireless..macaddr"));
-    getWifiMac(out, 2);
-    EXPECT_TRUE(fake_sys_ran("uci -q get misc.wireless.if_5GH"));
     size_t ran = fake_sys_log().size();
     EXPECT_EQ(getWifiMac(out, 3), -1);
     EXPECT_EQ(getWifiMac(out, -1), -1);

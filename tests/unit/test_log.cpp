@@ -1,89 +1,56 @@
 // Logger: level clamping, mode refusal, stderr prefix, guard misuse, status records.
 #include <gtest/gtest.h>
 
-#include <stdio.h>
-#include <stdlib.h>
+#include <functional>
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "util/log.h"
 
-namespace {
-
-// Redirects one standard stream into a temp file until take().
-struct capture {
-    FILE *stream;
-    int fd, saved;
-    char path[32] = "/tmp/logcap-XXXXXX";
-    explicit capture(FILE *s) : stream(s), fd(fileno(s))
-    {
-        fflush(stream);
-        int tmp = mkstemp(path);
-        saved = dup(fd);
-        dup2(tmp, fd);
-        close(tmp);
-    }
-    std::string take()
-    {
-        fflush(stream);
-        dup2(saved, fd);
-        close(saved);
-        std::string out;
-        FILE *f = fopen(path, "r");
-        for (int c; (c = fgetc(f)) != EOF;)
-            out += (char)c;
-        fclose(f);
-        unlink(path);
-        return out;
-    }
-};
-
-std::string prefix()
+// What `fn` writes to `s`, through a temp file put in place with dup2.
+static std::string captured(FILE *s, const std::function<void()> &fn)
 {
-    return "plaitd[" + std::to_string((long)syscall(SYS_gettid)) + "]: ";
+    char path[] = "/tmp/cap-XXXXXX", buf[1024] = {0};
+    int tmp = mkstemp(path), saved = dup(fileno(s));
+    fflush(s);
+    dup2(tmp, fileno(s));
+    fn();
+    fflush(s);
+    dup2(saved, fileno(s));
+    ssize_t n = pread(tmp, buf, sizeof(buf) - 1, 0);
+    close(tmp), close(saved), unlink(path);
+    return std::string(buf, n > 0 ? (size_t)n : 0);
 }
 
-}  // namespace
+static const std::string P = "plaitd[" + std::to_string((long)syscall(SYS_gettid)) + "]: ";
 
 // Must stay the first test: the first message of the process opens the log.
 TEST(Log, FirstMessageAnnouncesLevelAndKeepsConversions)
 {
     ASSERT_EQ(log_mode_set(LOG_MODE_STDERR), 0);
-    capture err(stderr);
-    LOG(3, "hello %d %s|\n", 42, "x");
-    std::string p = prefix();
-    EXPECT_EQ(err.take(), p + "enable log with level: 7\n" + p + "hello 42 x|\n");
+    EXPECT_EQ(captured(stderr, [] { LOG(3, "hello %d %s|\n", 42, "x"); }),
+              P + "enable log with level: 7\n" + P + "hello 42 x|\n");
 }
 
-TEST(Log, LevelClampingAndModeRefusal)
+TEST(Log, LevelClampingModeRefusalAndSkippedGuard)
 {
-    log_mode_set(LOG_MODE_STDERR);
-    capture err(stderr);
-    EXPECT_EQ(log_level_set(9), 0);
-    EXPECT_EQ(log_level, 7);
-    EXPECT_EQ(log_level_set(-2), 0);
-    EXPECT_EQ(log_level, 0);
-    log_level_set(2);
-    EXPECT_EQ(log_level, 2);
-    log_level_set(3);
-    EXPECT_EQ(log_mode_set(2), -1);
-    EXPECT_EQ(log_mode, LOG_MODE_STDERR);
-    std::string p = prefix();
-    EXPECT_EQ(err.take(), p + "Set log level to level: 7 " + p + "Set log level to level: 3 " + p +
-                              "set log mode to 2[LOG_MODE_STDERR] error\n");
-    log_level_set(7);
-}
-
-TEST(Log, SkippedGuardAndSuppressedMessages)
-{
-    log_mode_set(LOG_MODE_STDERR);
-    log_level = 3;
     int evaluated = 0;
-    capture err(stderr);
-    LOG(5, "not shown %d\n", ++evaluated);
-    log_(5, __func__, __LINE__, "not shown either\n");
-    EXPECT_EQ(err.take(), "cmd;log level error\n ");
+    std::string err = captured(stderr, [&] {
+        EXPECT_EQ(log_level_set(9), 0);
+        EXPECT_EQ(log_level, 7);
+        log_level_set(-2);
+        EXPECT_EQ(log_level, 0);
+        log_level_set(2);
+        EXPECT_EQ(log_level, 2);
+        log_level_set(3);
+        EXPECT_EQ(log_mode_set(2), -1);
+        EXPECT_EQ(log_mode, LOG_MODE_STDERR);
+        LOG(5, "not shown %d\n", ++evaluated);
+        log_(5, __func__, __LINE__, "caller skipped the guard\n");
+    });
+    EXPECT_EQ(err, P + "Set log level to level: 7 " + P + "Set log level to level: 3 " + P +
+                       "set log mode to 2[LOG_MODE_STDERR] error\n" + "cmd;log level error\n ");
     EXPECT_EQ(evaluated, 0);
     log_level = 7;
 }
@@ -91,8 +58,6 @@ TEST(Log, SkippedGuardAndSuppressedMessages)
 TEST(Log, StatusRecordGoesToStdoutInSyslogMode)
 {
     log_mode_set(LOG_MODE_SYSLOG);
-    capture out(stdout);
-    report_status("%s=%s:%d", "mesh.re.conn.fail", "AUTH_FAILED", 1);
-    std::string got = out.take();
-    EXPECT_EQ(got.rfind("mesh.re.conn.fail=AUTH_FAILED:1", 0), 0u) << got;
+    std::string out = captured(stdout, [] { report_status("%s=%s:%d", "mesh.re.conn.fail", "AUTH_FAILED", 1); });
+    EXPECT_EQ(out.rfind("mesh.re.conn.fail=AUTH_FAILED:1", 0), 0u) << out;
 }

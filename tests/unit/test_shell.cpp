@@ -52,18 +52,16 @@ TEST(Shell, InjectionGuard)
     EXPECT_EQ(check_injection("My Net-5G/a.b:c=d!\n"), 0);
     EXPECT_EQ(check_injection("AA:BB:CC:DD:EE:FF"), 0);
 
-    fflush(stdout);
-    char path[] = "/tmp/out-XXXXXX";
+    char path[] = "/tmp/out-XXXXXX", got[128] = {0};
     int tmp = mkstemp(path), saved = dup(1);
+    fflush(stdout);
     dup2(tmp, 1);
     EXPECT_EQ(check_params("ss", "x", "y;z"), -1);
     EXPECT_EQ(check_params("s-s", "a", "b"), 0);
     fflush(stdout);
     dup2(saved, 1);
-    char got[128] = {0};
-    pread(tmp, got, sizeof(got) - 1, 0);
-    close(tmp);
-    close(saved);
+    EXPECT_GT(pread(tmp, got, sizeof(got) - 1, 0), 0);
+    close(tmp), close(saved);
     EXPECT_STREQ(got, "string x\nstring y;z\nstring a\nstring b\n");
     log_level = 7;
 }
