@@ -1,0 +1,61 @@
+"""Fixtures of the two-router lab (see routerlab.py and docs/lab.md)."""
+import os
+import signal
+import sys
+
+import pytest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import routerlab  # noqa: E402
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "slow: lab test that runs for more than ~15 s")
+
+
+def _interrupt(signum, frame):
+    raise KeyboardInterrupt   # pytest then runs the fixture finalizers
+
+
+@pytest.fixture(scope="session", autouse=True)
+def lab_session():
+    if os.geteuid() != 0:
+        pytest.skip("the lab needs root (network and mount namespaces)")
+    routerlab.cleanup_stale()
+    signal.signal(signal.SIGTERM, _interrupt)
+    signal.signal(signal.SIGHUP, _interrupt)
+    yield
+
+
+@pytest.fixture
+def make_lab():
+    """make_lab(uplink="static"|"dhcp"|None, cap_uci={...}, re_uci={...},
+    cap_answers=..., re_answers=..., re_lan_ip=...) -> an up Lab; all are torn
+    down after the test."""
+    labs = []
+
+    def make(uplink="static", **kw):
+        lab = routerlab.Lab(**kw)
+        labs.append(lab)
+        lab.up()
+        if uplink == "static":
+            lab.static_uplink()
+        elif uplink == "dhcp":
+            lab.dhcp_uplink()
+        return lab
+
+    yield make
+    for lab in labs:
+        lab.down()
+
+
+@pytest.fixture
+def lab(make_lab):
+    return make_lab()
+
+
+@pytest.fixture
+def plaitd_bin():
+    if not os.access(routerlab.PLAITD_BIN, os.X_OK):
+        pytest.skip(f"no plaitd binary at {routerlab.PLAITD_BIN} (set PLAITD_BIN)")
+    return routerlab.PLAITD_BIN

@@ -1,0 +1,608 @@
+"""Two-router lab: the real plaitd in two simulated routers on one host.
+
+A router ("cap" or "re") is
+  * a network namespace "<lab>-<name>" holding br-lan and the cable end
+    (CAP: eth0 in br-lan; RE: eth4, plus a br-lan with no ports),
+  * a PID + mount namespace whose init is chrooted into <lab dir>/<name>/root.
+The root is a plain host directory, so tests read and write router files
+through Router.path(). The mounts it needs (host libraries read-only, /dev
+nodes, a procfs at /.kproc, sysfs) exist only inside the router's mount
+namespace and vanish with its init, which takes every router process along.
+Userland is busybox; platform commands are stand-ins that record each call
+in /tmp/lab-calls.log; uci is emulated over /etc/config.
+"""
+import atexit
+import json
+import os
+import re
+import secrets
+import shlex
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOTFS = os.path.join(HERE, "rootfs")
+PLAITD_BIN = os.environ.get("PLAITD_BIN", "/work/build-lead/plaitd")
+LAB_BASE = os.environ.get("LAB_BASE", "/tmp")
+BUSYBOX = "/bin/busybox"
+NSENTER = shutil.which("nsenter") or "/usr/bin/nsenter"
+FACTORY_IP = "192.168.77.1"
+RE_STATIC_IP = "192.168.77.20"
+ROUTER_ENV = {"PATH": "/bin:/sbin:/usr/bin:/usr/sbin", "HOME": "/root", "TERM": "dumb"}
+CALLS = "/tmp/lab-calls.log"
+
+# Stand-in name -> directory inside the router.
+STANDINS = {"boardkv": "/usr/sbin", "macinfo": "/usr/sbin", "vsled": "/usr/sbin",
+            "mesh_tool": "/usr/sbin", "mesh_setup.sh": "/usr/sbin",
+            "linkprobe": "/sbin", "lua": "/usr/bin"}
+# Busybox applets that need the router's real process table (see rootfs/withproc).
+PROC_TOOLS = ("killall", "pidof", "ps", "top")
+DIRS = ("bin", "sbin", "usr/bin", "usr/sbin", "usr/lib", "usr/lib64",
+        "usr/share/veltrasso/cc", "etc/config", "dev", "proc/veltrasso", ".kproc", ".pview",
+        "sys", "tmp/mq/cc", "tmp/.uci", "run", "var", "root", "lab/ans")
+
+# Runs as init of the router's new PID + mount namespace, inside its netns.
+HOLDER_SETUP = r"""
+set -e
+R=$1
+mount --bind -o ro /usr/lib "$R/usr/lib"
+mount --bind -o ro /usr/lib64 "$R/usr/lib64"
+for d in null zero full random urandom; do mount --bind /dev/$d "$R/dev/$d"; done
+mount -t proc proc "$R/.kproc"
+mount -t sysfs sysfs "$R/sys" 2>/dev/null || true
+mount --rbind "$R" "$R/.pview"
+mount -t proc proc "$R/.pview/proc"
+echo 1 > /proc/sys/net/ipv6/conf/all/disable_ipv6
+echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6
+# A port-less br-lan keeps its route; without this it would shadow eth4's.
+echo 1 > /proc/sys/net/ipv4/conf/all/ignore_routes_with_linkdown
+touch "$R/.lab-up"
+exec chroot "$R" /bin/sh -c 'while :; do sleep 3600 & wait; done'
+"""
+
+CAP_MAC, RE_MAC = "28:6C:07:10:00:01", "28:6C:07:20:00:01"
+
+
+def seed_uci(role):
+    """Realistic uci configuration of a CAP or an RE: "pkg.sec" -> section
+    type, "pkg.sec.opt" -> value (insertion order is file order)."""
+    cap = role == "cap"
+    m = "10" if cap else "20"
+    tag = "CAP" if cap else "RE"
+    s = {}
+
+    def sec(name, typ, **opts):
+        s[name] = typ
+        for k, v in opts.items():
+            s[f"{name}.{k}"] = v
+
+    sec("wireless.radio0", "wifi-device", band="2g", channel="6", htmode="HE20")
+    sec("wireless.radio1", "wifi-device", band="5g", channel="36", htmode="HE80")
+    sec("wireless.wifi1", "wifi-iface", device="radio0", ifname="wl1", network="lan",
+        mode="ap", ssid=f"Korvane-{tag}-2G", encryption="psk2", key=f"{tag.lower()}-24-passphrase",
+        macaddr=f"28:6c:07:{m}:00:02")
+    sec("wireless.wifi0", "wifi-iface", device="radio1", ifname="wl0", network="lan",
+        mode="ap", ssid=f"Korvane-{tag}-5G", encryption="ccmp", sae_password=f"{tag.lower()}-5-sae",
+        key=f"{tag.lower()}-5-passphrase", bsd="0", macaddr=f"28:6c:07:{m}:00:03")
+    sec("wireless.bh_ap", "wifi-iface", device="radio1", ifname="wl01", network="lan",
+        mode="ap", hidden="1", ssid="KvMesh_3f9a1c2e", encryption="psk2",
+        key="bh3f9a1c2e7d6b5a", macaddr=f"2a:6c:07:{m}:00:03")
+    sec("misc.wireless", "misc", ifname_2G="wl1", ifname_5G="wl0", if_2G="wifi1",
+        if_5G="wifi0", if_5GH="")
+    sec("misc.backhauls", "misc", backhaul_5g_ap_iface="wl01", backhaul_5g_sta_iface="wl02")
+    sec("misc.mesh", "misc", support_dfs="0")
+    sec("network.lan", "interface", type="bridge", ifname="eth0 eth1 eth2 eth3",
+        proto="static", ipaddr=FACTORY_IP, netmask="255.255.255.0")
+    sec("network.wan", "interface", ifname="eth4", proto="dhcp")
+    sec("veltrasso.common", "veltrasso", INITTED="YES" if cap else "NO")
+    return s
+
+
+def default_answers(role):
+    """Stand-in answers: tool -> {argument text ("$*") or None for any: (stdout, status)}.
+    The backhaul band has no line end: plaitd pastes that output into a uci
+    key as it is."""
+    cap = role == "cap"
+    return {
+        "boardkv": {"get SN": ("KV24A10001%s\n" % ("01" if cap else "02"), 0)},
+        "macinfo": {"wan": ((CAP_MAC if cap else RE_MAC) + "\n", 0)},
+        "mesh_tool": {"initbuf": ('{"mesh":{"role":"%s","bh_band":"5g","ch_5g":36,"ch_2g":6}}\n'
+                                  % ("cap" if cap else "re"), 0),
+                      "backhaul get band": ("5g", 0)},
+        "linkprobe": {"link": ("wan up\nlan up\n", 0)},
+    }
+
+
+def _q(v):
+    """v in single quotes, as uci writes and shows values."""
+    return "'" + v.replace("'", "'\\''") + "'"
+
+
+def _run(argv, timeout=10, **kw):
+    return subprocess.run(argv, check=True, timeout=timeout, stdin=subprocess.DEVNULL,
+                          capture_output=True, text=True, **kw)
+
+
+def _children(pid):
+    try:
+        with open(f"/proc/{pid}/task/{pid}/children") as f:
+            return [int(x) for x in f.read().split()]
+    except OSError:
+        return []
+
+
+def _alive(pid):
+    try:
+        os.kill(pid, 0)
+        return True
+    except ProcessLookupError:
+        return False
+    except PermissionError:
+        return True
+
+
+def wait_until(pred, timeout, step=0.05):
+    """Polls pred() until it is true or timeout seconds pass; returns its last value."""
+    end = time.monotonic() + timeout
+    while True:
+        v = pred()
+        if v or time.monotonic() >= end:
+            return v
+        time.sleep(step)
+
+
+_applets = None
+_tls_dir = None
+
+
+def _busybox_applets():
+    global _applets
+    if _applets is None:
+        _applets = _run([BUSYBOX, "--list"]).stdout.split()
+    return _applets
+
+
+def _tls_material():
+    """A CA (mq_a1) and a router certificate signed by it, made once per process."""
+    global _tls_dir
+    if _tls_dir is None:
+        d = tempfile.mkdtemp(prefix=f"lab-tls-{os.getpid()}-", dir=LAB_BASE)
+        atexit.register(shutil.rmtree, d, True)
+        o = ["openssl"]
+        _run(o + ["req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key",
+                  "-out", "ca.crt", "-days", "3650", "-subj", "/CN=lab-ca"], cwd=d)
+        _run(o + ["req", "-newkey", "rsa:2048", "-nodes", "-keyout", "dev.key", "-out",
+                  "dev.csr", "-subj", "/CN=lab-router"], cwd=d)
+        _run(o + ["x509", "-req", "-in", "dev.csr", "-CA", "ca.crt", "-CAkey", "ca.key",
+                  "-CAcreateserial", "-out", "dev.crt", "-days", "3650"], cwd=d)
+        _tls_dir = d
+    return _tls_dir
+
+
+class Proc:
+    """A command running inside a router. pid is its host PID (None if it was
+    gone before it could be seen); out/err are host files with its output."""
+
+    def __init__(self, router, name, popen, pid, out, err):
+        self.router, self.name, self.popen, self.pid = router, name, popen, pid
+        self.out_path, self.err_path = out, err
+
+    def _read(self, path):
+        with open(path, "rb") as f:
+            return f.read().decode("utf-8", "replace")
+
+    def out(self):
+        return self._read(self.out_path)
+
+    def err(self):
+        return self._read(self.err_path)
+
+    log = err   # plaitd -o logs to stderr
+
+    def running(self):
+        return self.popen.poll() is None
+
+    def wait(self, timeout):
+        """Exit status (shell style: 255 for exit(-1), -N for signal N) or None."""
+        try:
+            return self.popen.wait(timeout)
+        except subprocess.TimeoutExpired:
+            return None
+
+    def signal(self, sig):
+        if self.pid and self.running():
+            try:
+                os.kill(self.pid, sig)
+            except ProcessLookupError:
+                pass
+
+    def stop(self, timeout=5.0):
+        """SIGTERM, then SIGKILL after timeout; returns the exit status."""
+        self.signal(signal.SIGTERM)
+        rc = self.wait(timeout)
+        if rc is None:
+            self.signal(signal.SIGKILL)
+            if not self.pid:
+                self.popen.kill()
+            rc = self.wait(5)
+        return rc
+
+    def count(self, text, stream="err"):
+        return (self.err() if stream == "err" else self.out()).count(text)
+
+    def wait_log(self, text, timeout, count=1, stream="err"):
+        """Waits until text occurs count times in the log; raises with the log
+        tail if it does not within timeout seconds."""
+        if wait_until(lambda: self.count(text, stream) >= count, timeout):
+            return
+        tail = (self.err() if stream == "err" else self.out())[-3000:]
+        raise AssertionError(f"{self.router.name}/{self.name}: {text!r} x{count} not seen "
+                             f"within {timeout}s (running={self.running()}); tail:\n{tail}")
+
+
+class Router:
+    def __init__(self, lab, name, uci=None, answers=None):
+        self.lab, self.name = lab, name
+        self.ns = f"{lab.uniq}-{name}"
+        self.dir = os.path.join(lab.dir, name)
+        self.root = os.path.join(self.dir, "root")
+        self.init_pid = None
+        self.holder = None
+        self.procs = []
+        self.uci = seed_uci(name)
+        for k, v in (uci or {}).items():
+            if v is None:   # drops an option, or a section with its options
+                for key in [x for x in self.uci if x == k or x.startswith(k + ".")]:
+                    del self.uci[key]
+            else:
+                self.uci[k] = v
+        self.answers = default_answers(name)
+        for tool, a in (answers or {}).items():
+            self.answers.setdefault(tool, {}).update(a)
+
+    # --- files -------------------------------------------------------------
+    def path(self, p):
+        """Host path of the router's absolute path p."""
+        return os.path.join(self.root, p.lstrip("/"))
+
+    def write(self, p, text, mode=None):
+        hp = self.path(p)
+        os.makedirs(os.path.dirname(hp), exist_ok=True)
+        with open(hp, "w") as f:
+            f.write(text)
+        if mode is not None:
+            os.chmod(hp, mode)
+
+    def read(self, p, default=None):
+        try:
+            with open(self.path(p)) as f:
+                return f.read()
+        except FileNotFoundError:
+            return default
+
+    def calls(self, tool=None):
+        """Recorded stand-in calls, e.g. "boardkv 'get' 'SN'"; only tool's if given."""
+        lines = (self.read(CALLS) or "").splitlines()
+        return [l for l in lines if tool is None or l.split(" ", 1)[0] == tool]
+
+    def write_uci(self):
+        """Writes self.uci as /etc/config files (drops pending changes)."""
+        pkgs = {}
+        for k, v in self.uci.items():
+            parts = k.split(".", 2)
+            secs = pkgs.setdefault(parts[0], {})
+            sec = secs.setdefault(parts[1], {"": None})
+            if len(parts) == 2:
+                sec[""] = v
+            else:
+                sec[parts[2]] = v
+        for pkg, secs in pkgs.items():
+            lines = []
+            for sname, opts in secs.items():
+                lines.append(f"\nconfig {opts[''] or 'section'} {_q(sname)}")
+                lines += [f"\toption {o} {_q(str(v))}" for o, v in opts.items() if o]
+            self.write(f"/etc/config/{pkg}", "\n".join(lines) + "\n")
+            self.write(f"/tmp/.uci/{pkg}", "")
+
+    def answer(self, tool, out="", rc=0, args=None):
+        """Sets what a stand-in prints and returns, for calls whose joined
+        arguments equal args (None: any call without a more specific answer)."""
+        self.answers.setdefault(tool, {})[args] = (out, rc)
+        self._write_answers(tool)
+
+    def _write_answers(self, tool):
+        lines = ['case "$*" in']
+        table = self.answers.get(tool, {})
+        for args, (out, rc) in sorted(table.items(), key=lambda kv: kv[0] is None):
+            pat = "*" if args is None else shlex.quote(args)
+            lines.append(f"{pat}) printf %s {shlex.quote(out)}; exit {int(rc)} ;;")
+        lines.append("esac")
+        self.write(f"/lab/ans/{tool}", "\n".join(lines) + "\n")
+
+    def build(self):
+        r = self.root
+        for d in DIRS:
+            os.makedirs(os.path.join(r, d), exist_ok=True)
+        for link, target in (("lib", "usr/lib"), ("lib64", "usr/lib64"), ("var/run", "../run"),
+                             ("proc/self", "/.kproc/self"), ("proc/net", "self/net"),
+                             ("proc/mounts", "self/mounts"), ("dev/fd", "/proc/self/fd"),
+                             ("dev/stdin", "fd/0"), ("dev/stdout", "fd/1"), ("dev/stderr", "fd/2")):
+            os.symlink(target, os.path.join(r, link))
+        for d in ("null", "zero", "full", "random", "urandom"):
+            open(os.path.join(r, "dev", d), "w").close()
+        shutil.copy2(BUSYBOX, self.path("/bin/busybox"))
+        for a in _busybox_applets():
+            if a != "busybox":
+                os.symlink("/lab/withproc" if a in PROC_TOOLS else "busybox", self.path("/bin/" + a))
+        for f, dest in (("standin", "/lab/standin"), ("withproc", "/lab/withproc"),
+                        ("uci", "/sbin/uci"), ("uci.awk", "/lab/uci.awk"),
+                        ("udhcpc.script", "/lab/udhcpc.script")):
+            shutil.copy2(os.path.join(ROOTFS, f), self.path(dest))
+        for tool, d in STANDINS.items():
+            os.symlink("/lab/standin", self.path(f"{d}/{tool}"))
+        for tool in self.answers:
+            self._write_answers(tool)
+        shutil.copy2("/etc/ld.so.cache", self.path("/etc/ld.so.cache"))
+        self.write("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n")
+        self.write("/etc/group", "root:x:0:\n")
+        self.write("/etc/hosts", "127.0.0.1 localhost\n")
+        self.write("/usr/sbin/mesh_info.lua", "-- lab: read by the lua stand-in only\n")
+        self.write("/proc/veltrasso/ft_mode", "0\n")
+        self.write("/tmp/boot_check_done", "1\n")
+        self.write(CALLS, "")
+        tls = _tls_material()
+        shutil.copy2(os.path.join(tls, "ca.crt"), self.path("/usr/share/veltrasso/cc/mq_a1"))
+        shutil.copy2(os.path.join(tls, "dev.crt"), self.path("/tmp/mq/cc/veltrasso_ct"))
+        shutil.copy2(os.path.join(tls, "dev.key"), self.path("/tmp/mq/cc/veltrasso_ky"))
+        self.write_uci()
+
+    # --- namespaces --------------------------------------------------------
+    def start_holder(self):
+        err = open(os.path.join(self.dir, "holder.err"), "w")
+        self.holder = subprocess.Popen(
+            [NSENTER, f"--net=/run/netns/{self.ns}", "unshare", "-m", "-p", "-f",
+             "--propagation", "private", "--kill-child", "/bin/sh", "-c", HOLDER_SETUP,
+             "holder", self.root],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err,
+            start_new_session=True)
+        err.close()
+
+    def wait_holder(self, timeout=10):
+        ok = wait_until(lambda: os.path.exists(self.path("/.lab-up")) or self.holder.poll() is not None,
+                        timeout)
+        kids = wait_until(lambda: _children(self.holder.pid), 2) if ok else []
+        if not (os.path.exists(self.path("/.lab-up")) and kids):
+            raise RuntimeError(f"router {self.name} did not come up: "
+                               + open(os.path.join(self.dir, "holder.err")).read())
+        self.init_pid = kids[0]
+
+    def enter(self):
+        """argv prefix that runs a program inside the router."""
+        return [NSENTER, "-t", str(self.init_pid), "-m", "-n", "-p", "-r", "-w", "--"]
+
+    def sh(self, cmd, timeout=10, check=True, input=None):
+        """Runs a busybox sh command line in the router; returns CompletedProcess."""
+        r = subprocess.run(self.enter() + ["/bin/sh", "-c", cmd], env=ROUTER_ENV,
+                           input=input, capture_output=True, text=True, timeout=timeout,
+                           stdin=None if input is not None else subprocess.DEVNULL)
+        if check and r.returncode != 0:
+            raise AssertionError(f"{self.name}: {cmd!r} -> {r.returncode}\n{r.stdout}{r.stderr}")
+        return r
+
+    def netns_run(self, argv, timeout=10, check=True):
+        """Runs a host program (e.g. /usr/bin/python3, which the router root
+        lacks) in the router's network namespace only: it sees the host's
+        files, so router files must be named by self.path()."""
+        return subprocess.run([NSENTER, f"--net=/run/netns/{self.ns}"] + list(argv),
+                              capture_output=True, text=True, timeout=timeout, check=check,
+                              stdin=subprocess.DEVNULL)
+
+    def spawn(self, argv, name=None):
+        """Starts argv in the router in the background. Its router PID goes to
+        /var/run/<name>.pid (the udhcpc hook signals plaitd through it)."""
+        name = name or os.path.basename(argv[0])
+        out = os.path.join(self.dir, f"{name}.out")
+        err = os.path.join(self.dir, f"{name}.err")
+        with open(out, "wb") as fo, open(err, "wb") as fe:
+            p = subprocess.Popen(self.enter() + ["/bin/sh", "-c", 'echo $$ > "/run/$0.pid"; exec "$@"',
+                                                 name] + list(argv),
+                                 env=ROUTER_ENV, stdin=subprocess.DEVNULL, stdout=fo, stderr=fe,
+                                 start_new_session=True)
+        kids = wait_until(lambda: _children(p.pid) or p.poll() is not None, 3)
+        proc = Proc(self, name, p, kids[0] if isinstance(kids, list) else None, out, err)
+        self.procs.append(proc)
+        return proc
+
+    def plaitd(self, *args, binary=None):
+        """Starts the real daemon: plaitd <args>, stdout = status records,
+        stderr = log (with -o). Returns the Proc."""
+        binary = binary or PLAITD_BIN
+        dest = self.path("/usr/sbin/plaitd")
+        shutil.copy2(binary, dest)
+        return self.spawn(["/usr/sbin/plaitd"] + list(args), "plaitd")
+
+    def stop_all(self):
+        for p in self.procs:
+            if p.running():
+                p.stop(2)
+        self.procs = []
+
+    def kill_init(self):
+        if self.init_pid and _alive(self.init_pid):
+            os.kill(self.init_pid, signal.SIGKILL)
+        if self.holder is not None:
+            try:
+                self.holder.wait(5)
+            except subprocess.TimeoutExpired:
+                self.holder.kill()
+
+
+class Lab:
+    """Two routers joined by a cable. up() builds everything; down() removes
+    it (also run at exit for labs that are still up)."""
+    _live = set()
+
+    def __init__(self, cap_uci=None, re_uci=None, cap_answers=None, re_answers=None,
+                 re_lan_ip=FACTORY_IP, uniq=None, base=None, owned=True):
+        self.uniq = uniq or f"lab-{os.getpid()}-{secrets.token_hex(2)}"
+        self.dir = os.path.join(base or LAB_BASE, self.uniq)
+        self.re_lan_ip = re_lan_ip
+        self.owned = owned
+        self.cap = Router(self, "cap", cap_uci, cap_answers)
+        self.re = Router(self, "re", re_uci, re_answers)
+        self.routers = (self.cap, self.re)
+
+    def __enter__(self):
+        return self.up()
+
+    def __exit__(self, *exc):
+        self.down()
+
+    def up(self):
+        os.makedirs(self.dir)
+        if self.owned:
+            Lab._live.add(self)
+        try:
+            for r in self.routers:
+                r.build()
+            self._net()
+            for r in self.routers:
+                r.start_holder()
+            for r in self.routers:
+                r.wait_holder()
+        except BaseException:
+            self.down()
+            raise
+        return self
+
+    def _ip_batch(self, ns, lines):
+        subprocess.run(["ip", "-n", ns, "-batch", "-"], input="\n".join(lines) + "\n",
+                       check=True, timeout=10, capture_output=True, text=True)
+
+    def _net(self):
+        for r in self.routers:
+            _run(["ip", "netns", "add", r.ns])
+        self._ip_batch(self.cap.ns, [
+            "link set lo up",
+            "link add br-lan type bridge stp_state 0 forward_delay 0",
+            f"link add eth0 type veth peer name eth4 netns {self.re.ns}",
+            "link set eth0 master br-lan",
+            "link set eth0 up",
+            "link set br-lan up",
+            f"addr add {FACTORY_IP}/24 brd + dev br-lan"])
+        re_lines = ["link set lo up",
+                    "link add br-lan type bridge stp_state 0 forward_delay 0",
+                    "link set br-lan up",
+                    "link set eth4 up"]
+        if self.re_lan_ip:
+            re_lines.append(f"addr add {self.re_lan_ip}/24 brd + dev br-lan")
+        self._ip_batch(self.re.ns, re_lines)
+
+    def static_uplink(self, ip=RE_STATIC_IP, gw=FACTORY_IP):
+        """Gives the RE's eth4 a fixed address and writes its gateway file."""
+        _run(["ip", "-n", self.re.ns, "addr", "add", f"{ip}/24", "brd", "+", "dev", "eth4"])
+        self.re.write("/tmp/cab_plaitd_gw_ip", f"{gw}\n{ip}\n")
+
+    def dhcp_uplink(self, timeout=15):
+        """udhcpd on the CAP's br-lan, udhcpc on the RE's eth4; returns once the
+        RE's hook has written the gateway file. Returns (udhcpd, udhcpc)."""
+        self.cap.write("/etc/udhcpd.conf", "\n".join([
+            "interface br-lan", "start 192.168.77.100", "end 192.168.77.150",
+            "lease_file /tmp/udhcpd.leases", "pidfile /var/run/udhcpd.pid",
+            "option subnet 255.255.255.0", f"option router {FACTORY_IP}", "option lease 3600", ""]))
+        self.cap.write("/tmp/udhcpd.leases", "")
+        srv = self.cap.spawn(["udhcpd", "-f", "/etc/udhcpd.conf"])
+        clt = self.re.spawn(["udhcpc", "-f", "-i", "eth4", "-s", "/lab/udhcpc.script",
+                             "-t", "30", "-T", "1", "-A", "1"])
+        gw = lambda: len((self.re.read("/tmp/cab_plaitd_gw_ip") or "").splitlines()) >= 2
+        if not wait_until(gw, timeout):
+            raise AssertionError("no DHCP lease: " + clt.err()[-1000:] + srv.err()[-1000:])
+        return srv, clt
+
+    def dd_request(self, payload, wait=1.5):
+        """Broadcasts one discovery datagram from the RE's eth4 and returns the
+        CAP answers heard within wait seconds, as bytes."""
+        r = self.re.netns_run(["/usr/bin/python3", os.path.join(HERE, "ddsend.py"), "eth4",
+                               payload.hex(), str(wait)], timeout=wait + 10)
+        return [bytes.fromhex(l) for l in r.stdout.split()]
+
+    def down(self):
+        errors = []
+        for step in ([r.stop_all for r in self.routers] + [r.kill_init for r in self.routers]):
+            try:
+                step()
+            except Exception as e:   # keep tearing down
+                errors.append(e)
+        for r in self.routers:
+            if os.path.exists(f"/run/netns/{r.ns}"):
+                subprocess.run(["ip", "netns", "del", r.ns], capture_output=True, timeout=10)
+        if not os.environ.get("LAB_KEEP"):
+            shutil.rmtree(self.dir, ignore_errors=True)
+        Lab._live.discard(self)
+        if errors:
+            raise errors[0]
+
+    # --- state for the scripts/lab CLI ---------------------------------------
+    def save(self):
+        state = {"uniq": self.uniq, "dir": self.dir,
+                 "routers": {r.name: {"ns": r.ns, "init_pid": r.init_pid,
+                                      "procs": {p.name: p.pid for p in r.procs}}
+                             for r in self.routers}}
+        with open(os.path.join(self.dir, "lab.json"), "w") as f:
+            json.dump(state, f, indent=1)
+
+    @classmethod
+    def attach(cls, dir):
+        """Re-opens a lab brought up by another process (scripts/lab)."""
+        with open(os.path.join(dir, "lab.json")) as f:
+            st = json.load(f)
+        lab = cls(uniq=st["uniq"], base=os.path.dirname(dir), owned=False)
+        for r in lab.routers:
+            r.init_pid = st["routers"][r.name]["init_pid"]
+        return lab
+
+
+def _down_all():
+    for lab in list(Lab._live):
+        try:
+            lab.down()
+        except Exception:
+            pass
+
+
+atexit.register(_down_all)
+
+
+def cleanup_stale(base=None):
+    """Removes namespaces, processes and directories of labs whose owning
+    process (the PID in "lab-<pid>-<hex>") is gone. Returns the names removed."""
+    base = base or LAB_BASE
+    pat = re.compile(r"^(lab-(\d+)-[0-9a-f]{4})(?:-(cap|re))?$")
+    dead = set()
+    nss = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout
+    names = [l.split()[0] for l in nss.splitlines() if l.strip()]
+    dirs = [d for d in os.listdir(base) if pat.match(d)]
+    for n in names + dirs:
+        m = pat.match(n)
+        if m and not _alive(int(m.group(2))):
+            dead.add(m.group(1))
+    for uniq in dead:
+        d = os.path.join(base, uniq)
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                if os.readlink(f"/proc/{pid}/root").startswith(d + "/"):
+                    os.kill(int(pid), signal.SIGKILL)
+            except OSError:
+                pass
+        for n in names:
+            if n.startswith(uniq + "-"):
+                subprocess.run(["ip", "netns", "del", n], capture_output=True, timeout=10)
+        shutil.rmtree(d, ignore_errors=True)
+    for d in os.listdir(base):
+        m = re.match(r"^lab-tls-(\d+)-", d)
+        if m and not _alive(int(m.group(1))):
+            shutil.rmtree(os.path.join(base, d), ignore_errors=True)
+    return sorted(dead)
