@@ -102,16 +102,14 @@ def seed_uci(role):
 
 
 def default_answers(role):
-    """Stand-in answers: tool -> {argument text ("$*") or None for any: (stdout, status)}.
-    The backhaul band has no line end: plaitd pastes that output into a uci
-    key as it is."""
+    """Stand-in answers: tool -> {argument text ("$*") or None for any: (stdout, status)}."""
     cap = role == "cap"
     return {
         "boardkv": {"get SN": ("KV24A10001%s\n" % ("01" if cap else "02"), 0)},
         "macinfo": {"wan": ((CAP_MAC if cap else RE_MAC) + "\n", 0)},
         "mesh_tool": {"initbuf": ('{"mesh":{"role":"%s","bh_band":"5g","ch_5g":36,"ch_2g":6}}\n'
                                   % ("cap" if cap else "re"), 0),
-                      "backhaul get band": ("5g", 0)},
+                      "backhaul get band": ("5g\n", 0)},
         "linkprobe": {"link": ("wan up\nlan up\n", 0)},
     }
 
@@ -488,7 +486,7 @@ class Lab:
         self._ip_batch(self.cap.ns, [
             "link set lo up",
             "link add br-lan type bridge stp_state 0 forward_delay 0",
-            f"link add eth0 type veth peer name eth4 netns {self.re.ns}",
+            f"link add eth0 type veth peer name eth4 netns {self.re.ns} address {RE_MAC.lower()}",
             "link set eth0 master br-lan",
             "link set eth0 up",
             "link set br-lan up",

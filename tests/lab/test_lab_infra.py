@@ -67,7 +67,7 @@ def test_standins_record_and_answer(lab):
     cap = lab.cap
     assert cap.sh("boardkv get SN").stdout == "KV24A1000101\n"
     assert cap.sh("macinfo wan 2>/dev/null").stdout == routerlab.CAP_MAC + "\n"
-    assert cap.sh("mesh_tool backhaul get band").stdout == "5g"
+    assert cap.sh("mesh_tool backhaul get band").stdout == "5g\n"
     assert cap.sh("mesh_tool initbuf").stdout.startswith("{")
     assert cap.sh("/sbin/linkprobe link").stdout == "wan up\nlan up\n"
     cap.answer("linkprobe", "wan down\nlan up\n", args="link")
