@@ -4,11 +4,13 @@ It speaks the plaitd frame protocol over TLS as either side, honestly or
 not, so tests can watch how the real daemon reacts to a bad peer. Run inside
 a router's namespace:
 
-    python3 peer.py re  '<json steps>'   # connect to a CAP, run the steps
-    python3 peer.py cap '<json steps>'   # accept one RE, run the steps
+    python3 peer.py re  '<json steps>' ['<json opts>']  # connect to a CAP
+    python3 peer.py cap '<json steps>' ['<json opts>']  # accept one RE
 
-Each step is [action, {args}]; the result of every step is printed as one
-JSON line, so a test reads back what the peer saw.
+Each step is [action, {args}]; the result of every step (and of the TCP and
+TLS set-up) is printed as one JSON line, so a test reads back what the peer
+saw. Options: re: host, no_tls, tls ("1.1": offer TLS 1.1 only), ciphers
+(TLS 1.2 cipher list); cap: bind, cert, key, accept_timeout.
 """
 import base64
 import hashlib
@@ -29,6 +31,14 @@ KEY = "5f0c2a9e71b4d3866a0e9c1f24b7d058"
 WIFI_CONFIG_SIZE = 1051
 CERT = "/tmp/mq/cc/veltrasso_ct"
 PRIVKEY = "/tmp/mq/cc/veltrasso_ky"
+
+
+def key_of(pw, ident):
+    """Which role's key made pw for ident: "cap", "re" or None."""
+    for role in ("cap", "re"):
+        if hmac.compare_digest(pw, password(ident, role == "cap")):
+            return role
+    return None
 
 
 def password(ident, cap_key):
@@ -78,8 +88,8 @@ def parse_wifi_config(rec):
 
 
 class Peer:
-    def __init__(self, sock):
-        self.sock = sock
+    def __init__(self, sock, role):
+        self.sock, self.role = sock, role
 
     def recv_exact(self, n):
         data = b""
@@ -99,10 +109,9 @@ class Peer:
             code, text = struct.unpack("b31s", body[:32])
             out.update(code=code, text=text.split(b"\0", 1)[0].decode())
         elif mtype == MSG_AUTH_REQ and len(body) >= 163:
-            ident, pw, mac = struct.unpack("16s128s19s", body[:163])
-            out.update(id=ident.rstrip(b"\0").decode(), pw=pw.rstrip(b"\0").decode(),
-                       valid=hmac.compare_digest(pw.rstrip(b"\0").decode(),
-                                                 password(ident.rstrip(b"\0").decode(), True)))
+            ident, pw, mac = (f.split(b"\0", 1)[0].decode(errors="replace")
+                              for f in struct.unpack("16s128s19s", body[:163]))
+            out.update(id=ident, pw=pw, mac=mac, key=key_of(pw, ident))
         elif mtype == MSG_SYNC_REQ and len(body) >= WIFI_CONFIG_SIZE:
             out["config"] = parse_wifi_config(body[:WIFI_CONFIG_SIZE])
             out["ext"] = body[WIFI_CONFIG_SIZE:].split(b"\0", 1)[0].decode(errors="replace")
@@ -126,9 +135,10 @@ def client_context(tls=None, ciphers=None):
 # ---- steps -------------------------------------------------------------
 
 def step_auth_req(peer, a):
-    """Send our credentials: role 're' (honest RE key) or 'cap'; spoil on request."""
+    """Send credentials made with key "re" or "cap" (default: the peer's own
+    role's, i.e. honest); extra_char spoils the password by one character."""
     ident = a.get("id", os.urandom(7).hex())
-    pw = password(ident, a.get("key") == "cap")
+    pw = password(ident, a.get("key", peer.role) == "cap")
     if a.get("extra_char"):
         pw += "A"
     peer.sock.sendall(frame(MSG_AUTH_REQ, auth_body(ident, pw, a.get("mac", "")),
@@ -175,8 +185,8 @@ def step_expect_closed(peer, a):
     try:
         data = peer.sock.recv(4096)
         return {"closed": not data, "after": round(time.monotonic() - start, 2),
-                "data": data.hex()}
-    except socket.timeout:
+                "data": data[:64].hex()}
+    except (socket.timeout, TimeoutError):
         return {"closed": False, "after": round(time.monotonic() - start, 2)}
     except (ConnectionError, ssl.SSLError, OSError) as e:
         return {"closed": True, "after": round(time.monotonic() - start, 2), "error": str(e)}
@@ -205,7 +215,7 @@ def run_re(opts, steps):
     raw = socket.create_connection((opts.get("host", "192.168.77.1"), PORT), timeout=10)
     emit({"step": "tcp", "ok": True})
     if opts.get("no_tls"):
-        run_steps(Peer(raw), steps)
+        run_steps(Peer(raw, "re"), steps)
         return
     ctx = client_context(opts.get("tls"), opts.get("ciphers"))
     try:
@@ -214,7 +224,7 @@ def run_re(opts, steps):
         emit({"step": "tls", "ok": False, "error": str(e)})
         return
     emit({"step": "tls", "ok": True, "version": tls.version(), "cipher": tls.cipher()[0]})
-    run_steps(Peer(tls), steps)
+    run_steps(Peer(tls, "re"), steps)
 
 
 def run_cap(opts, steps):
@@ -225,9 +235,13 @@ def run_cap(opts, steps):
     emit({"step": "listen", "ok": True})
     conn, addr = srv.accept()
     conn.settimeout(30)
-    tls = ctx.wrap_socket(conn, server_side=True)
-    emit({"step": "accepted", "from": addr[0]})
-    run_steps(Peer(tls), steps)
+    try:
+        tls = ctx.wrap_socket(conn, server_side=True)
+    except (ssl.SSLError, OSError) as e:
+        emit({"step": "accepted", "from": addr[0], "ok": False, "error": str(e)})
+        return
+    emit({"step": "accepted", "from": addr[0], "ok": True})
+    run_steps(Peer(tls, "cap"), steps)
 
 
 def main():
