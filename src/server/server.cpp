@@ -129,6 +129,9 @@ int32_t server_listening(entity *main)
     set_fd_nonblocking(main->fd);
     LOG(3, "enter server looping....\n");
     change_state(main, ST_RUNNING);
+    // Sample the uptime before the first peer can arrive: a peer stamped with
+    // a zero start time would never count as in service, so never be freed.
+    check_connection_timeout();
 
     for (;;) {
         fd_set rfds;
@@ -144,6 +147,9 @@ int32_t server_listening(entity *main)
         tv.tv_sec = 0;
         tv.tv_usec = 200000;
         n = select(main->fd + 1, &rfds, NULL, NULL, &tv);
+        // A signal that only logs (SIGUSR1 on a CAP) must not end the server.
+        if (n < 0 && errno == EINTR)
+            n = 0;
         if (n < 0) {
             LOG(3, "[%.64s] select() failed, %s.\n", main->name, strerror(errno));
             free_entity(main);
