@@ -33,6 +33,7 @@ FACTORY_IP = "192.168.77.1"
 RE_STATIC_IP = "192.168.77.20"
 ROUTER_ENV = {"PATH": "/bin:/sbin:/usr/bin:/usr/sbin", "HOME": "/root", "TERM": "dumb"}
 CALLS = "/tmp/lab-calls.log"
+PROC_PIDS = 4096   # router pids start at 1 in their own pid namespace
 
 # Stand-in name -> directory inside the router.
 STANDINS = {"boardkv": "/usr/sbin", "macinfo": "/usr/sbin", "vsled": "/usr/sbin",
@@ -329,6 +330,10 @@ class Router:
                              ("proc/mounts", "self/mounts"), ("dev/fd", "/proc/self/fd"),
                              ("dev/stdin", "fd/0"), ("dev/stdout", "fd/1"), ("dev/stderr", "fd/2")):
             os.symlink(target, os.path.join(r, link))
+        # /proc/<pid> of the router's own processes, for tools that look up a
+        # pid there (LeakSanitizer reads /proc/<pid>/task at exit).
+        for pid in range(1, PROC_PIDS + 1):
+            os.symlink(f"/.kproc/{pid}", os.path.join(r, "proc", str(pid)))
         for d in ("null", "zero", "full", "random", "urandom"):
             open(os.path.join(r, "dev", d), "w").close()
         shutil.copy2(BUSYBOX, self.path("/bin/busybox"))
