@@ -19,17 +19,6 @@
 #define RE_INIT_FMT "%s re_init '%s' '%s' '%s' '%s' '%s' '%s' '%s' '%s' '%s' %d"
 #define RE_INIT_BSD_FMT "%s re_init_bsd '%s' '%s' '%s' '%s' '%s' '%s' %d"
 
-// snprintf for command lines: a text cut at the limit is the intended result.
-static void fmt_cmd(char *cmd, size_t limit, const char *fmt, ...)
-    __attribute__((format(printf, 3, 4)));
-static void fmt_cmd(char *cmd, size_t limit, const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(cmd, limit, fmt, ap);
-    va_end(ap);
-}
-
 // The record may come off the wire: never read a field past its last byte,
 // which a well-formed record holds as terminator.
 static size_t field_len(const char *field, size_t size)
@@ -111,10 +100,10 @@ int tolvaInitCap(const WiFiConfig *cfg, const char *re_mac, const char *re_mac_2
         return -1;
     }
     if (cfg->bsd == 1)
-        fmt_cmd(cmd, 1023, CAP_INIT_BSD_FMT, MESH_SETUP_SH, re_mac, a, b, c, d, ssid64, key64,
+        cmd_format(cmd, 1023, CAP_INIT_BSD_FMT, MESH_SETUP_SH, re_mac, a, b, c, d, ssid64, key64,
                 flag);
     else
-        fmt_cmd(cmd, 1023, CAP_INIT_FMT, MESH_SETUP_SH, re_mac, a, b, c, d, ssid64, key64, flag);
+        cmd_format(cmd, 1023, CAP_INIT_FMT, MESH_SETUP_SH, re_mac, a, b, c, d, ssid64, key64, flag);
     sys_system(cmd);
     return 0;
 }
@@ -147,7 +136,7 @@ int tolvaInitRe(const WiFiConfig *cfg, const char *extra, int flag)
 
     if (cfg->locale[0] != '\0') {
         field_b64(locale64, sizeof(locale64), cfg->locale, sizeof(cfg->locale));
-        fmt_cmd(cmd, sizeof(cmd) - 1, "/usr/bin/lua /usr/sbin/mesh_info.lua locale %s",
+        cmd_format(cmd, sizeof(cmd) - 1, "/usr/bin/lua /usr/sbin/mesh_info.lua locale %s",
                 locale64);
         sys_system(cmd);
     }
@@ -157,7 +146,7 @@ int tolvaInitRe(const WiFiConfig *cfg, const char *extra, int flag)
             LOG(3, "init check params failed: func[%s] line[%d].\n", "tolvaInitRe", __LINE__);
             return -1;
         }
-        fmt_cmd(cmd, 2047, RE_INIT_BSD_FMT, MESH_SETUP_SH, ssid2, key2, enc2, bh_ssid64,
+        cmd_format(cmd, 2047, RE_INIT_BSD_FMT, MESH_SETUP_SH, ssid2, key2, enc2, bh_ssid64,
                 bh_key64, bh_enc, flag);
     } else {
         field_b64(ssid5, sizeof(ssid5), cfg->ssid_5g, sizeof(cfg->ssid_5g));
@@ -167,7 +156,7 @@ int tolvaInitRe(const WiFiConfig *cfg, const char *extra, int flag)
             LOG(3, "init check params failed: func[%s] line[%d].\n", "tolvaInitRe", __LINE__);
             return -1;
         }
-        fmt_cmd(cmd, 2047, RE_INIT_FMT, MESH_SETUP_SH, ssid2, key2, enc2, ssid5, key5, enc5,
+        cmd_format(cmd, 2047, RE_INIT_FMT, MESH_SETUP_SH, ssid2, key2, enc2, ssid5, key5, enc5,
                 bh_ssid64, bh_key64, bh_enc, flag);
     }
 
@@ -190,7 +179,7 @@ int tolvaCleanCap(const char *mac)
         LOG(3, "init check params failed: func[%s] line[%d].\n", "tolvaCleanCap", __LINE__);
         return -1;
     }
-    fmt_cmd(cmd, 127, "%s cap_clean '%s' '%s'", MESH_SETUP_SH, "wl9", mac);
+    cmd_format(cmd, 127, "%s cap_clean '%s' '%s'", MESH_SETUP_SH, "wl9", mac);
     sys_system(cmd);
     return 0;
 }

@@ -26,17 +26,6 @@ struct wifi_query {
 
 #define SECTION_CMD "uci show wireless | grep -w \"ifname='%s'\" | cut -d '.' -f1-2"
 
-// snprintf for command lines: a text cut at the limit is the intended result.
-static void fmt_cmd(char *cmd, size_t limit, const char *fmt, ...)
-    __attribute__((format(printf, 3, 4)));
-static void fmt_cmd(char *cmd, size_t limit, const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(cmd, limit, fmt, ap);
-    va_end(ap);
-}
-
 // One getCmdResult query that leaves room for the terminator in `buf`.
 static int query(const char *cmd, char *buf, size_t size)
 {
@@ -51,20 +40,20 @@ static int get_band_conf(const char *sec, char *ssid, size_t ssid_size, char *en
 {
     char cmd[128];
 
-    fmt_cmd(cmd, 127, "uci -q get %s.ssid", sec);
+    cmd_format(cmd, 127, "uci -q get %s.ssid", sec);
     if (query(cmd, ssid, ssid_size) < 0) {
         LOG_AS(3, "tolvaGetWiFiConfig", "%s, failed!\n", cmd);
         return -1;
     }
-    fmt_cmd(cmd, 127, "uci -q get %s.encryption", sec);
+    cmd_format(cmd, 127, "uci -q get %s.encryption", sec);
     if (query(cmd, enc, enc_size) < 0) {
         LOG_AS(3, "tolvaGetWiFiConfig", "%s, failed!\n", cmd);
         return -1;
     }
     if (strncmp(enc, "ccmp", 4) == 0)
-        fmt_cmd(cmd, 127, "uci -q get %s.sae_password", sec);
+        cmd_format(cmd, 127, "uci -q get %s.sae_password", sec);
     else
-        fmt_cmd(cmd, 127, "uci -q get %s.key", sec);
+        cmd_format(cmd, 127, "uci -q get %s.key", sec);
     if (query(cmd, key, key_size) < 0) {
         LOG_AS(3, "tolvaGetWiFiConfig", "%s, failed!\n", cmd);
         return -1;
@@ -83,7 +72,7 @@ int tolvaGetWiFiConfig(WiFiConfig *cfg)
     memset(cfg, 0, sizeof(*cfg));
     memset(&q, 0, sizeof(q));
 
-    fmt_cmd(cmd, 127, "uci -q get misc.wireless.ifname_2G");
+    cmd_format(cmd, 127, "uci -q get misc.wireless.ifname_2G");
     if (query(cmd, q.ifname_2g, sizeof(q.ifname_2g)) < 0) {
         LOG(3, "uci -q get misc.wireless.ifname_2G, failed!\n");
         return -1;
@@ -91,27 +80,27 @@ int tolvaGetWiFiConfig(WiFiConfig *cfg)
     band = tolva_get_bh_band(q.band, sizeof(q.band));
     if (!band)
         band = "5g";
-    fmt_cmd(cmd, 127, "uci -q get misc.wireless.ifname_5G");
+    cmd_format(cmd, 127, "uci -q get misc.wireless.ifname_5G");
     if (query(cmd, q.ifname_5g, sizeof(q.ifname_5g)) < 0) {
         LOG(3, "uci -q get misc.wireless.ifname_5G, failed!\n");
         return -1;
     }
-    fmt_cmd(cmd, 127, "uci -q get misc.backhauls.backhaul_%s_ap_iface", band);
+    cmd_format(cmd, 127, "uci -q get misc.backhauls.backhaul_%s_ap_iface", band);
     if (query(cmd, q.bh_iface, sizeof(q.bh_iface)) < 0) {
         LOG(3, "exec %s, failed!\n", cmd);
         return -1;
     }
-    fmt_cmd(cmd, 127, SECTION_CMD, q.ifname_2g);
+    cmd_format(cmd, 127, SECTION_CMD, q.ifname_2g);
     if (query(cmd, q.sec_2g, sizeof(q.sec_2g)) < 0) {
         LOG(3, "%s, failed!\n", cmd);
         return -1;
     }
-    fmt_cmd(cmd, 127, SECTION_CMD, q.ifname_5g);
+    cmd_format(cmd, 127, SECTION_CMD, q.ifname_5g);
     if (query(cmd, q.sec_5g, sizeof(q.sec_5g)) < 0) {
         LOG(3, "%s, failed!\n", cmd);
         return -1;
     }
-    fmt_cmd(cmd, 127, "uci -q get %s.bsd", q.sec_5g);
+    cmd_format(cmd, 127, "uci -q get %s.bsd", q.sec_5g);
     if (query(cmd, q.bsd, sizeof(q.bsd)) < 0) {
         LOG(3, "%s, failed!\n", cmd);
         return -1;
@@ -125,19 +114,19 @@ int tolvaGetWiFiConfig(WiFiConfig *cfg)
                       sizeof(cfg->enc_5g), cfg->key_5g, sizeof(cfg->key_5g)) < 0)
         return -1;
 
-    fmt_cmd(cmd, 127, SECTION_CMD, q.bh_iface);
+    cmd_format(cmd, 127, SECTION_CMD, q.bh_iface);
     if (query(cmd, q.sec_bh, sizeof(q.sec_bh)) < 0) {
         LOG(3, "%s, failed!\n", cmd);
         return -1;
     }
     if (q.sec_bh[0] != '\0') {
-        fmt_cmd(cmd, 127, "uci -q get %s.ssid", q.sec_bh);
+        cmd_format(cmd, 127, "uci -q get %s.ssid", q.sec_bh);
         if (query(cmd, cfg->bh_ssid, sizeof(cfg->bh_ssid)) < 0) {
             LOG(3, "%s, failed!\n", cmd);
             return -1;
         }
         // The backhaul is always WPA2, so its pass phrase is always in key.
-        fmt_cmd(cmd, 127, "uci -q get %s.key", q.sec_bh);
+        cmd_format(cmd, 127, "uci -q get %s.key", q.sec_bh);
         if (query(cmd, cfg->bh_key, sizeof(cfg->bh_key)) < 0) {
             LOG(3, "%s, failed!\n", cmd);
             return -1;
@@ -162,7 +151,7 @@ char *tolva_get_bh_band(char *out, size_t size)
 
     if (!out || size == 0)
         return nullptr;
-    fmt_cmd(cmd, 63, "mesh_tool backhaul get band");
+    cmd_format(cmd, 63, "mesh_tool backhaul get band");
     memset(buf, 0, sizeof(buf));
     if (tolva_exec_cmd(cmd, buf, sizeof(buf)) != 0 || buf[0] == '\0') {
         LOG(3, "tolva_exec_cmd: %s failed!\n", cmd);
@@ -185,7 +174,7 @@ int tolva_mesh_support_dfs(void)
     char cmd[64];
     char buf[64];
 
-    fmt_cmd(cmd, 63, "uci -q get misc.mesh.support_dfs");
+    cmd_format(cmd, 63, "uci -q get misc.mesh.support_dfs");
     memset(buf, 0, sizeof(buf));
     if (tolva_exec_cmd(cmd, buf, sizeof(buf)) != 0) {
         LOG(3, "tolva_exec_cmd: %s failed!\n", cmd);
@@ -203,12 +192,12 @@ int tolva_set_bh_band(const char *band)
 
     if (!band)
         return -1;
-    fmt_cmd(cmd, 63, "mesh_tool backhaul get band %s", band);
+    cmd_format(cmd, 63, "mesh_tool backhaul get band %s", band);
     memset(buf, 0, sizeof(buf));
     if (tolva_exec_cmd(cmd, buf, sizeof(buf)) != 0 || buf[0] == '\0')
         return -1;
     // The set goes with the band the tool printed, not with `band`.
-    fmt_cmd(cmd, 63, "mesh_tool backhaul set band %s;echo $?", buf);
+    cmd_format(cmd, 63, "mesh_tool backhaul set band %s;echo $?", buf);
     if (tolva_exec_cmd(cmd, buf, sizeof(buf)) != 0)
         return -1;
     return atoi(buf) == 0 ? 0 : -1;

@@ -18,11 +18,6 @@ struct auth_req_text {
     char macaddr[sizeof(auth_req::macaddr) + 1];
 };
 
-// Bounded copy into a zeroed field; a text that fills it stays unterminated.
-static void copy_text(char *dst, const char *src, size_t max)
-{
-    memcpy(dst, src, strnlen(src, max));
-}
 
 static void read_auth_req(const uint8_t *body, auth_req_text *out)
 {
@@ -62,14 +57,14 @@ int32_t send_auth_req(entity *ent)
 
     auth_req req;
     memset(&req, 0, sizeof(req));
-    copy_text(req.id, ent->id, sizeof(req.id));
-    copy_text(req.pass, ent->pass, sizeof(req.pass));
+    msg_put_text(req.id, ent->id, sizeof(req.id));
+    msg_put_text(req.pass, ent->pass, sizeof(req.pass));
     if (g_is_server == 0) {
         if (ent->mac2[0] == 0)
             getWifiMac(ent->mac2, 0);
         if (ent->mac5[0] == 0)
             getWifiMac(ent->mac5, 1);
-        copy_text(req.macaddr, g_macaddr, sizeof(req.macaddr));
+        msg_put_text(req.macaddr, g_macaddr, sizeof(req.macaddr));
     }
 
     LOG(3, "send auth_req, id:%.16s, pass:%.128s, MAC2: %.19s, MAC5:%.19s\n", ent->id, ent->pass,
@@ -84,12 +79,7 @@ int32_t send_auth_reply(entity *ent, uint8_t code, const char *text)
 {
     if (!ent)
         return -1;
-    msg_reply reply;
-    memset(&reply, 0, sizeof(reply));
-    reply.code = (int8_t)code;
-    if (text)
-        copy_text(reply.text, text, sizeof(reply.text));
-    if (send_message(ent, MSG_AUTH_REPLY, (const uint8_t *)&reply, (int32_t)sizeof(reply)) > 0)
+    if (send_reply(ent, MSG_AUTH_REPLY, code, text) > 0)
         return 0;
     LOG(3, "[%.64s] send_auth_reply failed.\n", ent->name);
     return -1;
@@ -116,7 +106,7 @@ int32_t process_auth_req(entity *ent, const uint8_t *body)
         }
         // The RE's own MAC is taken from its first accepted request only.
         if (ent->macaddr[0] == 0 && req.macaddr[0] != 0)
-            copy_text(ent->macaddr, req.macaddr, sizeof(ent->macaddr));
+            msg_put_text(ent->macaddr, req.macaddr, sizeof(ent->macaddr));
         send_auth_reply(ent, REPLY_OK, nullptr);
         // Still ST_SSL_DONE here, as send_auth_req requires.
         send_auth_req(ent);

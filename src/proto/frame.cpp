@@ -10,10 +10,19 @@
 #include "proto/sync.h"
 #include "util/log.h"
 
-// Copies a MAC text without its terminator; the zeroed destination supplies it.
-static void put_text(char *dst, const char *src, size_t max)
+void msg_put_text(char *dst, const char *src, size_t max)
 {
     memcpy(dst, src, strnlen(src, max));
+}
+
+int32_t send_reply(entity *ent, uint16_t type, uint8_t code, const char *text)
+{
+    msg_reply reply;
+    memset(&reply, 0, sizeof(reply));
+    reply.code = (int8_t)code;
+    if (text)
+        msg_put_text(reply.text, text, sizeof(reply.text));
+    return send_message(ent, type, (const uint8_t *)&reply, (int32_t)sizeof(reply));
 }
 
 int32_t send_message(entity *ent, uint16_t type, const uint8_t *body, int32_t body_len)
@@ -34,8 +43,8 @@ int32_t send_message(entity *ent, uint16_t type, const uint8_t *body, int32_t bo
     hdr.type = htons(type);
     // Only the RE announces its radios; a CAP's frames carry zero MACs.
     if (g_is_server == 0 && ent) {
-        put_text(hdr.mac2, ent->mac2, sizeof(ent->mac2));
-        put_text(hdr.mac5, ent->mac5, sizeof(ent->mac5));
+        msg_put_text(hdr.mac2, ent->mac2, sizeof(ent->mac2));
+        msg_put_text(hdr.mac5, ent->mac5, sizeof(ent->mac5));
     }
     memcpy(buf, &hdr, sizeof(hdr));
     memcpy(buf + MSG_HDR_SIZE, body, (size_t)body_len);
@@ -78,9 +87,9 @@ int32_t recv_message(entity *ent)
         // The CAP learns the RE's radio MACs from the first frame that carries them.
         if (g_is_server) {
             if (ent->mac2[0] == 0 && hdr.mac2[0] != 0)
-                put_text(ent->mac2, hdr.mac2, sizeof(hdr.mac2));
+                msg_put_text(ent->mac2, hdr.mac2, sizeof(hdr.mac2));
             if (ent->mac5[0] == 0 && hdr.mac5[0] != 0)
-                put_text(ent->mac5, hdr.mac5, sizeof(hdr.mac5));
+                msg_put_text(ent->mac5, hdr.mac5, sizeof(hdr.mac5));
         }
 
         // Same buffer as the header: a short body leaves header bytes behind it.

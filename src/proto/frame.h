@@ -37,4 +37,9 @@ struct msg_reply {
 static_assert(sizeof(msg_reply) == 32, "reply body is 32 bytes");
 
 int32_t send_message(entity *ent, uint16_t type, const uint8_t *body, int32_t body_len);
+// Sends a 32-byte reply body (MSG_AUTH_REPLY or MSG_SYNC_REPLY); the result
+// is that of send_message.
+int32_t send_reply(entity *ent, uint16_t type, uint8_t code, const char *text);
+// Bounded copy into a zeroed field; a text that fills it stays unterminated.
+void msg_put_text(char *dst, const char *src, size_t max);
 int32_t recv_message(entity *ent);

@@ -15,11 +15,6 @@ char g_locate[64] = "default";
 
 enum { INITBUF_SIZE = 1024 };
 
-// Bounded copy into a zeroed field; a text that fills it stays unterminated.
-static void copy_text(char *dst, const char *src, size_t max)
-{
-    memcpy(dst, src, strnlen(src, max));
-}
 
 int32_t send_mesh_conf(entity *ent)
 {
@@ -71,7 +66,7 @@ int32_t process_sync_req(entity *ent, const uint8_t *body)
     // The text may run to the end of the receive buffer; keep a terminated copy.
     char text[MSG_BUF_SIZE - SYNC_TEXT_OFFSET + 1];
     memset(text, 0, sizeof(text));
-    copy_text(text, (const char *)body + SYNC_TEXT_OFFSET, sizeof(text) - 1);
+    msg_put_text(text, (const char *)body + SYNC_TEXT_OFFSET, sizeof(text) - 1);
     WiFiConfig conf;
     memcpy(&conf, body, sizeof(conf));
 
@@ -106,12 +101,7 @@ int32_t send_sync_reply(entity *ent, uint8_t code, const char *text)
 {
     if (!ent || ent->state != ST_RUNNING)
         return -1;
-    msg_reply reply;
-    memset(&reply, 0, sizeof(reply));
-    reply.code = (int8_t)code;
-    if (text)
-        copy_text(reply.text, text, sizeof(reply.text));
-    if (send_message(ent, MSG_SYNC_REPLY, (const uint8_t *)&reply, (int32_t)sizeof(reply)) > 0)
+    if (send_reply(ent, MSG_SYNC_REPLY, code, text) > 0)
         return 0;
     LOG(3, "[%.64s] send_sync_reply failed.\n", ent->name);
     return -1;
@@ -139,9 +129,9 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
         memset(macaddr, 0, sizeof(macaddr));
         memset(mac2, 0, sizeof(mac2));
         memset(mac5, 0, sizeof(mac5));
-        copy_text(macaddr, ent->macaddr, sizeof(ent->macaddr));
-        copy_text(mac2, ent->mac2, sizeof(ent->mac2));
-        copy_text(mac5, ent->mac5, sizeof(ent->mac5));
+        msg_put_text(macaddr, ent->macaddr, sizeof(ent->macaddr));
+        msg_put_text(mac2, ent->mac2, sizeof(ent->mac2));
+        msg_put_text(mac5, ent->mac5, sizeof(ent->mac5));
 
         LOG(3, "[%.64s] sync config success.\n", ent->name);
         switch_conning_light(1);

@@ -162,3 +162,11 @@ int32_t uptime(void)
         return 0;
     return (int32_t)si.uptime;
 }
+
+void cmd_format(char *cmd, size_t limit, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(cmd, limit, fmt, ap);
+    va_end(ap);
+}

@@ -1,6 +1,7 @@
 // Running platform commands, reading their output, and sanitising texts
 // bound for a command line; small file and uptime helpers.
 #pragma once
+#include <stddef.h>
 #include <stdint.h>
 
 // Runs `cmd` and collects its output in 128-byte chunks into `out`.
@@ -15,6 +16,8 @@ int32_t check_injection(const char *text);
 // One text argument per 's' in `types`; 0 = all clean, -1 = first unclean one.
 int32_t check_params(const char *types, ...);
 char *str_trim(char *text);
+// snprintf for command lines: a text cut at `limit` is the intended result.
+void cmd_format(char *cmd, size_t limit, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 int32_t f_string_read(const char *path, void *buf, uint32_t size);
 int32_t f_string_write(const char *path, const void *buf, uint32_t size);
 int32_t uptime(void);
