@@ -69,6 +69,36 @@ int get_iface_mac(const char *ifname, char *out, int len)
     return 0;
 }
 
+int dd_srv_handle(char *buf, int size, const char *local_ip)
+{
+    // A pairing in progress: let the RE keep probing until it is over.
+    if (tolvaTryRemoveMeshLock() > 0) {
+        LOG_AS(3, "dd_srv_loop", "dd srv: meshing\n");
+        return -1;
+    }
+    if (memcmp(buf, DD_RE_MAGIC, RE_MAGIC_LEN) != 0) {
+        LOG_AS(3, "dd_srv_loop", "dd_srv: it's not msg from RE. data:[%s]\n", buf);
+        return -1;
+    }
+
+    memset(buf, 0, (size_t)size);
+    memcpy(buf, DD_CAP_MAGIC, CAP_MAGIC_LEN);
+    snprintf(buf + CAP_MAGIC_LEN, IP_TEXT_LEN, "%s", local_ip);
+    return (int)strlen(buf) + 1;
+}
+
+int dd_clt_match(const char *buf, char *cap_ip)
+{
+    if (memcmp(buf, DD_CAP_MAGIC, CAP_MAGIC_LEN) != 0)
+        return -1;
+    LOG_AS(3, "dd_clt_probe", "dd_clt: ====== Found CAP in L2-NET. Well Done.\n");
+    if (cap_ip) {
+        memcpy(cap_ip, buf + CAP_MAGIC_LEN, IP_TEXT_LEN);
+        cap_ip[IP_TEXT_LEN - 1] = '\0';
+    }
+    return 0;
+}
+
 void *dd_srv_loop(void *arg)
 {
     const char *ifname = (const char *)arg;
@@ -95,20 +125,10 @@ void *dd_srv_loop(void *arg)
         if (dd_recv_msg(recver, from_ip, &from_port, buf, DD_RAW_BUF) != 0)
             continue;
 
-        // A pairing in progress: let the RE keep probing until it is over.
-        if (tolvaTryRemoveMeshLock() > 0) {
-            LOG(3, "dd srv: meshing\n");
+        int len = dd_srv_handle(buf, (int)sizeof(buf), local_ip);
+        if (len < 0)
             continue;
-        }
-        if (memcmp(buf, DD_RE_MAGIC, RE_MAGIC_LEN) != 0) {
-            LOG(3, "dd_srv: it's not msg from RE. data:[%s]\n", buf);
-            continue;
-        }
-
-        memset(buf, 0, sizeof(buf));
-        memcpy(buf, DD_CAP_MAGIC, CAP_MAGIC_LEN);
-        snprintf(buf + CAP_MAGIC_LEN, IP_TEXT_LEN, "%s", local_ip);
-        if (dd_send_msg(sender, DD_BROADCAST_IP, DD_PORT, buf, (int)strlen(buf) + 1) == 0)
+        if (dd_send_msg(sender, DD_BROADCAST_IP, DD_PORT, buf, len) == 0)
             continue;
 
         // A send from an address the interface no longer has fails; that is
@@ -187,13 +207,8 @@ int dd_clt_probe(const char *ifname, char *cap_ip)
             continue;
         if (n == 0)
             break;
-        if (memcmp(buf, DD_CAP_MAGIC, CAP_MAGIC_LEN) != 0)
+        if (dd_clt_match(buf, cap_ip) != 0)
             continue;
-        LOG(3, "dd_clt: ====== Found CAP in L2-NET. Well Done.\n");
-        if (cap_ip) {
-            memcpy(cap_ip, buf + CAP_MAGIC_LEN, IP_TEXT_LEN);
-            cap_ip[IP_TEXT_LEN - 1] = '\0';
-        }
         ret = 0;
         break;
     }

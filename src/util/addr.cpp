@@ -10,14 +10,16 @@
 #include "util/shell.h"
 #include "util/sys.h"
 
-// Reads the next line, trimmed, into a 16-byte output; -1 at end of file.
+// Reads the next line, trimmed, into a 16-byte output (at most 15
+// characters and the terminating zero); -1 at end of file.
 static int32_t read_addr_line(FILE *fp, char *dst)
 {
     char line[128];
     memset(line, 0, sizeof(line));
     if (!fgets(line, sizeof(line), fp))
         return -1;
-    strncpy(dst, str_trim(line), 16);
+    strncpy(dst, str_trim(line), 15);
+    dst[15] = 0;
     return 0;
 }
 
