@@ -5,8 +5,8 @@
 #include <vector>
 
 // Installs the fake (and clears rules and records). Unmatched popen commands
-// answer with empty output unless passthrough is on, then they really run.
-void fake_sys_install(bool passthrough = false);
+// answer with empty output.
+void fake_sys_install(void);
 void fake_sys_uninstall(void);
 // `pattern` matches a command exactly, or as a prefix when it ends in '*'.
 // Later rules win over earlier ones.
