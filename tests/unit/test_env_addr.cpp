@@ -63,4 +63,10 @@ TEST(Env, GatewayFile)
     EXPECT_EQ(get_gw_ip(gw, ip), 0);
     EXPECT_STREQ(gw, "10.0.0.1");
     EXPECT_STREQ(ip, "10.0.0.7");
+    // Over-long lines are cut to 15 characters, never left unterminated.
+    const char *lng = "192.168.100.2000\n10.10.10.10.10.10\n";
+    f_string_write(GW_IP_FILE, lng, (uint32_t)strlen(lng));
+    EXPECT_EQ(get_gw_ip(gw, ip), 0);
+    EXPECT_STREQ(gw, "192.168.100.200");
+    EXPECT_STREQ(ip, "10.10.10.10.10.");
 }
