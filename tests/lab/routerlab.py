@@ -33,6 +33,10 @@ FACTORY_IP = "192.168.77.1"
 RE_STATIC_IP = "192.168.77.20"
 ROUTER_ENV = {"PATH": "/bin:/sbin:/usr/bin:/usr/sbin", "HOME": "/root", "TERM": "dumb"}
 CALLS = "/tmp/lab-calls.log"
+# Valgrind for Lab(valgrind=True): the launcher and its wrapper script are
+# copied into the router, the tool directory is bind-mounted read-only.
+VALGRIND_BINS = ("/usr/bin/valgrind", "/usr/bin/valgrind.bin")
+VALGRIND_LIBEXEC = "/usr/libexec/valgrind"
 PROC_PIDS = 4096   # router pids start at 1 in their own pid namespace
 
 # Stand-in name -> directory inside the router.
@@ -51,6 +55,8 @@ set -e
 R=$1
 mount --bind -o ro /usr/lib "$R/usr/lib"
 mount --bind -o ro /usr/lib64 "$R/usr/lib64"
+# Only routers built for valgrind have this directory.
+if [ -d "$R/usr/libexec/valgrind" ]; then mount --bind -o ro /usr/libexec/valgrind "$R/usr/libexec/valgrind"; fi
 for d in null zero full random urandom; do mount --bind /dev/$d "$R/dev/$d"; done
 mount -t proc proc "$R/.kproc"
 mount -t sysfs sysfs "$R/sys" 2>/dev/null || true
@@ -356,6 +362,10 @@ class Router:
         self.write("/proc/veltrasso/ft_mode", "0\n")
         self.write("/tmp/boot_check_done", "1\n")
         self.write(CALLS, "")
+        if self.lab.valgrind:
+            os.makedirs(self.path(VALGRIND_LIBEXEC), exist_ok=True)
+            for f in VALGRIND_BINS:
+                shutil.copy2(f, self.path(f))
         tls = _tls_material()
         shutil.copy2(os.path.join(tls, "ca.crt"), self.path("/usr/share/veltrasso/cc/mq_a1"))
         shutil.copy2(os.path.join(tls, "dev.crt"), self.path("/tmp/mq/cc/veltrasso_ct"))
@@ -419,13 +429,16 @@ class Router:
         self.procs.append(proc)
         return proc
 
-    def plaitd(self, *args, binary=None):
+    def plaitd(self, *args, binary=None, prefix=()):
         """Starts the real daemon: plaitd <args>, stdout = status records,
-        stderr = log (with -o). Returns the Proc."""
+        stderr = log (with -o). prefix is an argv run in front of it (e.g.
+        valgrind and its options; it must exec the daemon in the same
+        process so that Proc.pid and /var/run/plaitd.pid stay the daemon's).
+        Returns the Proc."""
         binary = binary or PLAITD_BIN
         dest = self.path("/usr/sbin/plaitd")
         shutil.copy2(binary, dest)
-        return self.spawn(["/usr/sbin/plaitd"] + list(args), "plaitd")
+        return self.spawn(list(prefix) + ["/usr/sbin/plaitd"] + list(args), "plaitd")
 
     def stop_all(self):
         for p in self.procs:
@@ -449,7 +462,8 @@ class Lab:
     _live = set()
 
     def __init__(self, cap_uci=None, re_uci=None, cap_answers=None, re_answers=None,
-                 re_lan_ip=FACTORY_IP, uniq=None, base=None, owned=True):
+                 re_lan_ip=FACTORY_IP, uniq=None, base=None, owned=True, valgrind=False):
+        self.valgrind = valgrind   # routers can run their programs under valgrind
         self.uniq = uniq or f"lab-{os.getpid()}-{secrets.token_hex(2)}"
         self.dir = os.path.join(base or LAB_BASE, self.uniq)
         self.re_lan_ip = re_lan_ip
