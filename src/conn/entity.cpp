@@ -93,19 +93,29 @@ entity *new_entity(const char *name, int32_t fd, int32_t is_main)
     return ent;
 }
 
+// On the CAP only records in service are released; a zeroed record has
+// start_ts 0, which also makes a second release harmless there. A record
+// that is all zero was released already: releasing it again must not close
+// fd 0.
+static bool entity_is_released(const entity *ent)
+{
+    if (ent->start_ts == 0 && g_is_server)
+        return true;
+    return !ent->ssl && ent->state == ST_NONE && ent->fd == 0 && ent->start_ts == 0;
+}
+
 void free_entity_lock(entity *ent, int32_t take_lock)
 {
-    if (!ent)
+    if (!ent || entity_is_released(ent))
         return;
-    // On the CAP only records in service are released; a zeroed record has
-    // start_ts 0, which also makes a second release harmless there.
-    if (ent->start_ts == 0 && g_is_server)
-        return;
-    // Already released (all zero): a second release must not close fd 0.
-    if (!ent->ssl && ent->state == ST_NONE && ent->fd == 0 && ent->start_ts == 0)
-        return;
-    if (take_lock == 1)
+    if (take_lock == 1) {
         pthread_mutex_lock(&lock);
+        // Another thread may have released it while this one waited.
+        if (entity_is_released(ent)) {
+            pthread_mutex_unlock(&lock);
+            return;
+        }
+    }
 
     if (ent == main_ent)
         LOG(3, "[%.64s] freeing main entity\n", ent->name);

@@ -229,6 +229,16 @@ int32_t handle_new_connection(entity *main)
     return 0;
 }
 
+// The peer's thread may be blocked inside its TLS session, so freeing the
+// session here would pull it from under that thread. Shutting the socket
+// down makes the thread's pending or next read fail instead, and the thread
+// then releases its own record as it does for any broken connection.
+static void wake_peer(const entity *ent)
+{
+    if (ent->fd >= 0)
+        shutdown(ent->fd, SHUT_RDWR);
+}
+
 void check_connection_timeout(void)
 {
     struct sysinfo si;
@@ -248,10 +258,18 @@ void check_connection_timeout(void)
         if (now < ent->start_ts || now - ent->start_ts >= SERVING_TIMEOUT) {
             LOG(3, "[%.64s] serving time: %d too long > timeout: %d, disconnect it, current ts: %d .\n",
                 ent->name, (int)(now - ent->start_ts), (int)SERVING_TIMEOUT, (int)current);
-            free_entity_lock(ent, 0);
+            wake_peer(ent);
         }
     }
     pthread_mutex_unlock(&lock);
+}
+
+// Once this thread (or a failed handshake) has released the record, the
+// slot may already serve the next peer under another thread: only the
+// thread the record names may go on using it or release it.
+static bool record_is_mine(const entity *ent)
+{
+    return pthread_equal(ent->thread, pthread_self()) != 0;
 }
 
 void *server_loop(void *arg)
@@ -266,6 +284,7 @@ void *server_loop(void *arg)
         LOG(3, "thread %d start for client %s.\n", (int)ent->thread, name);
     else
         LOG(3, "client %s start...\n", name);
+    ent->thread = pthread_self();
 
     if (tolvaGetMeshLock() < 0) {
         // Another pairing is running; the peer's MAC is not known yet.
@@ -276,7 +295,7 @@ void *server_loop(void *arg)
             report_status("%s=%s:%d", "mesh.re.conn.fail", "CONNECT_FAILED", 1);
             LOG(3, "[%s] ssl_accept failed.\n", name);
         } else {
-            while (ent->ssl && ent->state != ST_STOP)
+            while (ent->ssl && ent->state != ST_STOP && record_is_mine(ent))
                 recv_message(ent);
             if (ent->thread)
                 LOG(3, "[%s] thread %d end .\n", name, (int)ent->thread);
@@ -290,7 +309,10 @@ void *server_loop(void *arg)
         tolvaRemoveMeshLock();
     }
 
-    free_entity(ent);
+    pthread_mutex_lock(&lock);
+    if (record_is_mine(ent))
+        free_entity_lock(ent, 0);
+    pthread_mutex_unlock(&lock);
     OPENSSL_thread_stop();
     pthread_exit(NULL);
 }
