@@ -9,7 +9,6 @@
 #include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/sysinfo.h>
 #include <unistd.h>
 
 #include "conn/sockopt.h"
@@ -19,6 +18,7 @@
 #include "platform/meshlock.h"
 #include "proto/frame.h"
 #include "util/log.h"
+#include "util/shell.h"
 
 // Start and end of the latest peer session; all peer threads share it and
 // the last one to write wins.
@@ -241,10 +241,10 @@ static void wake_peer(const entity *ent)
 
 void check_connection_timeout(void)
 {
-    struct sysinfo si;
-
-    if (sysinfo(&si) == 0)
-        current = (int32_t)si.uptime;
+    // uptime() gives 0 when sysinfo fails: then the old sample stays.
+    int32_t up = uptime();
+    if (up > 0)
+        current = up;
 
     pthread_mutex_lock(&lock);
     for (int i = 1; i < ENT_POOL_SIZE && current > 0; i++) {

@@ -248,6 +248,39 @@ class Proc:
                              f"within {timeout}s (running={self.running()}); tail:\n{tail}")
 
 
+class NetnsJob:
+    """A host program in the background in a router's network namespace that
+    prints one JSON object per line with a "step" key (peer.py, hostile.py);
+    its output goes to a file in the router's directory."""
+
+    def __init__(self, router, argv, tag):
+        self.path = os.path.join(router.dir, f"{tag}-{time.monotonic_ns()}.out")
+        with open(self.path, "w") as f:
+            self.p = subprocess.Popen(router.netns_argv(argv), stdout=f,
+                                      stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
+
+    def lines(self, step=None):
+        """What it printed so far; only the given step's lines if step is set."""
+        with open(self.path) as f:
+            res = [json.loads(l) for l in f if l.startswith("{")]
+        return [x for x in res if step is None or x["step"] == step]
+
+    def wait_step(self, step, timeout, count=1):
+        """Waits for the count-th line of step and returns it."""
+        found = wait_until(lambda: len(self.lines(step)) >= count, timeout)
+        assert found, (step, self.lines())
+        return self.lines(step)[count - 1]
+
+    def finish(self, timeout):
+        self.p.wait(timeout)
+        return self.lines()
+
+    def kill(self):
+        if self.p.poll() is None:
+            self.p.kill()
+            self.p.wait(5)
+
+
 class Router:
     def __init__(self, lab, name, uci=None, answers=None):
         self.lab, self.name = lab, name
@@ -405,13 +438,16 @@ class Router:
             raise AssertionError(f"{self.name}: {cmd!r} -> {r.returncode}\n{r.stdout}{r.stderr}")
         return r
 
+    def netns_argv(self, argv):
+        """argv to run a host program (e.g. /usr/bin/python3, which the router
+        root lacks) in the router's network namespace only: it sees the
+        host's files, so router files must be named by self.path()."""
+        return [NSENTER, f"--net=/run/netns/{self.ns}"] + list(argv)
+
     def netns_run(self, argv, timeout=10, check=True):
-        """Runs a host program (e.g. /usr/bin/python3, which the router root
-        lacks) in the router's network namespace only: it sees the host's
-        files, so router files must be named by self.path()."""
-        return subprocess.run([NSENTER, f"--net=/run/netns/{self.ns}"] + list(argv),
-                              capture_output=True, text=True, timeout=timeout, check=check,
-                              stdin=subprocess.DEVNULL)
+        """Runs netns_argv(argv) to its end."""
+        return subprocess.run(self.netns_argv(argv), capture_output=True, text=True,
+                              timeout=timeout, check=check, stdin=subprocess.DEVNULL)
 
     def spawn(self, argv, name=None):
         """Starts argv in the router in the background. Its router PID goes to

@@ -4,7 +4,6 @@ breaks the protocol on purpose."""
 import json
 import os
 import re
-import subprocess
 import time
 
 import pytest
@@ -23,47 +22,21 @@ WEAK_SUITES = "AES128-SHA:AES256-SHA:AES128-SHA256:AES256-SHA256:ECDHE-RSA-AES12
               "ECDHE-RSA-AES256-SHA:ECDHE-RSA-AES128-SHA256"
 
 
-def _argv(router, role, steps, opts):
-    return [routerlab.NSENTER, f"--net=/run/netns/{router.ns}", "/usr/bin/python3", PEER,
-            role, json.dumps(steps), json.dumps(opts or {})]
+def _argv(role, steps, opts):
+    return ["/usr/bin/python3", PEER, role, json.dumps(steps), json.dumps(opts or {})]
 
 
 def run_peer(router, role, steps, opts=None, timeout=20):
     """Runs peer.py to its end in router's network namespace; its JSON results."""
-    r = subprocess.run(_argv(router, role, steps, opts), capture_output=True, text=True,
-                       timeout=timeout, stdin=subprocess.DEVNULL)
+    r = router.netns_run(_argv(role, steps, opts), timeout=timeout, check=False)
     res = [json.loads(l) for l in r.stdout.splitlines()]
     assert not [x for x in res if x["step"] == "error"], (res, r.stderr)
     return res
 
 
-class BgPeer:
-    """peer.py in the background; results() reads what it printed so far."""
-
-    def __init__(self, router, role, steps, opts=None):
-        self.path = os.path.join(router.dir, f"peer-{time.monotonic_ns()}.out")
-        with open(self.path, "w") as f:
-            self.p = subprocess.Popen(_argv(router, role, steps, opts), stdout=f,
-                                      stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
-
-    def results(self):
-        with open(self.path) as f:
-            return [json.loads(l) for l in f if l.startswith("{")]
-
-    def wait_step(self, step, timeout):
-        found = routerlab.wait_until(lambda: [x for x in self.results() if x["step"] == step],
-                                     timeout)
-        assert found, (step, self.results())
-        return found[0]
-
-    def finish(self, timeout):
-        self.p.wait(timeout)
-        return self.results()
-
-    def kill(self):
-        if self.p.poll() is None:
-            self.p.kill()
-            self.p.wait(5)
+def BgPeer(router, role, steps, opts=None):
+    """peer.py in the background."""
+    return routerlab.NetnsJob(router, _argv(role, steps, opts), "peer")
 
 
 @pytest.fixture

@@ -83,45 +83,23 @@ def figures(pid):
 
 def hostile(lab, cmd, args, timeout=60):
     """Runs hostile.py to its end in the RE's namespace; its JSON lines."""
-    r = subprocess.run([routerlab.NSENTER, f"--net=/run/netns/{lab.re.ns}", "/usr/bin/python3",
-                        HOSTILE, cmd, json.dumps(args)], capture_output=True, text=True,
-                       timeout=timeout, stdin=subprocess.DEVNULL)
+    r = lab.re.netns_run(["/usr/bin/python3", HOSTILE, cmd, json.dumps(args)],
+                         timeout=timeout, check=False)
     res = [json.loads(l) for l in r.stdout.splitlines() if l.startswith("{")]
     assert res and res[-1]["step"] == "done", (res, r.stderr)
     return res
 
 
-class BgHostile:
-    """hostile.py in the background; lines() reads what it printed so far."""
+class BgHostile(routerlab.NetnsJob):
+    """hostile.py in the background."""
 
     def __init__(self, lab, cmd, args):
-        self.path = os.path.join(lab.dir, f"hostile-{time.monotonic_ns()}.out")
-        with open(self.path, "w") as f:
-            self.p = subprocess.Popen(
-                [routerlab.NSENTER, f"--net=/run/netns/{lab.re.ns}", "/usr/bin/python3",
-                 HOSTILE, cmd, json.dumps(args)], stdout=f, stderr=subprocess.STDOUT,
-                stdin=subprocess.DEVNULL)
-
-    def lines(self, step=None):
-        with open(self.path) as f:
-            res = [json.loads(l) for l in f if l.startswith("{")]
-        return [x for x in res if step is None or x["step"] == step]
-
-    def wait_step(self, step, timeout, count=1):
-        found = routerlab.wait_until(lambda: len(self.lines(step)) >= count, timeout)
-        assert found, (step, self.lines())
-        return self.lines(step)[count - 1]
+        super().__init__(lab.re, ["/usr/bin/python3", HOSTILE, cmd, json.dumps(args)], "hostile")
 
     def finish(self, timeout):
-        self.p.wait(timeout)
-        res = self.lines()
+        res = super().finish(timeout)
         assert res and res[-1]["step"] == "done", res
         return res
-
-    def kill(self):
-        if self.p.poll() is None:
-            self.p.kill()
-            self.p.wait(5)
 
 
 class Bench:

@@ -66,37 +66,17 @@ def re_lan(lab):
     return uci, re.findall(r"inet ([\d.]+)/", addrs)
 
 
-class Peer:
+class Peer(routerlab.NetnsJob):
     """peer.py in a router's network namespace, in the background."""
 
     def __init__(self, router, role, steps, opts):
-        self.path = os.path.join(router.dir, f"peer-{time.monotonic_ns()}.out")
-        argv = [routerlab.NSENTER, f"--net=/run/netns/{router.ns}", "/usr/bin/python3", PEER,
-                role, json.dumps(steps), json.dumps(opts)]
-        with open(self.path, "w") as f:
-            self.p = subprocess.Popen(argv, stdout=f, stderr=subprocess.STDOUT,
-                                      stdin=subprocess.DEVNULL)
-
-    def results(self):
-        with open(self.path) as f:
-            return [json.loads(l) for l in f if l.startswith("{")]
-
-    def step(self, name, timeout):
-        found = routerlab.wait_until(lambda: [x for x in self.results() if x["step"] == name],
-                                     timeout)
-        assert found, (name, self.results())
-        return found[0]
+        super().__init__(router, ["/usr/bin/python3", PEER, role, json.dumps(steps),
+                                  json.dumps(opts)], "peer")
 
     def finish(self, timeout):
-        self.p.wait(timeout)
-        res = self.results()
+        res = super().finish(timeout)
         assert not [x for x in res if x["step"] == "error"], res
         return res
-
-    def kill(self):
-        if self.p.poll() is None:
-            self.p.kill()
-            self.p.wait(5)
 
 
 @pytest.fixture
@@ -118,7 +98,7 @@ def fake_cap(lab, plaitd_bin, peers):
         peer = peers(lab.cap, "cap", steps, {"cert": lab.cap.path("/tmp/mq/cc/veltrasso_ct"),
                                              "key": lab.cap.path("/tmp/mq/cc/veltrasso_ky"),
                                              "accept_timeout": 20})
-        peer.step("listen", 5)
+        peer.wait_step("listen", 5)
         return peer, lab.re.plaitd("-C", "-o")
     return start
 
