@@ -12,7 +12,7 @@ import shlex
 import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "..", "tests", "lab"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "..", "lab"))
 import routerlab as rl  # noqa: E402
 
 TIMEOUT = 60

@@ -1,11 +1,11 @@
-"""Fixtures of the two-router lab (see routerlab.py and docs/lab.md)."""
+"""Fixtures of the system tests on the two-router lab (lab/routerlab.py, lab/README.md)."""
 import os
 import signal
 import sys
 
 import pytest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "lab"))
 import routerlab  # noqa: E402
 
 

@@ -25,7 +25,7 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOTFS = os.path.join(HERE, "rootfs")
-PLAITD_BIN = os.environ.get("PLAITD_BIN", os.path.join(HERE, "..", "..", "build", "release", "plaitd"))
+PLAITD_BIN = os.environ.get("PLAITD_BIN", os.path.join(HERE, "..", "build", "release", "plaitd"))
 LAB_BASE = os.environ.get("LAB_BASE", "/tmp")
 BUSYBOX = "/bin/busybox"
 NSENTER = shutil.which("nsenter") or "/usr/bin/nsenter"
