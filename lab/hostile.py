@@ -1,15 +1,15 @@
 #!/usr/bin/python3
-"""Hostile traffic against a CAP, for the lab's soak tests. Runs inside the
-RE's network namespace (the host's python3 through nsenter --net):
+"""Traffic against a CAP from the RE's network namespace (the host's python3
+through nsenter --net):
 
     python3 hostile.py plans    '<json>'   # connections that misbehave, one after another
     python3 hostile.py cycles   '<json>'   # rapid connect/close
     python3 hostile.py halfopen '<json>'   # connections that never send
     python3 hostile.py ddflood  '<json>'   # discovery datagrams, valid and not
+    python3 hostile.py ddsend   '<json>'   # one datagram; the CAP answers heard
 
-Each prints JSON lines: progress lines ({"step": ...}) and a last line
-{"step": "done", ...} with the figures; {"step": "error", ...} on a fault of
-its own. Every loop is bounded in count and in time.
+Each prints JSON lines ({"step": ...}), the last {"step": "done", ...} with
+the figures, or {"step": "error", ...}. Every loop is bounded in count and time.
 """
 import json
 import os
@@ -32,24 +32,19 @@ def emit(obj):
 
 def _wait_closed(sock, timeout):
     """Reads until the other end closes; (closed, seconds, bytes read)."""
-    start = time.monotonic()
-    got = 0
-    while True:
-        left = timeout - (time.monotonic() - start)
-        if left <= 0:
-            return False, round(time.monotonic() - start, 3), got
+    start, got = time.monotonic(), 0
+    while (left := timeout - (time.monotonic() - start)) > 0:
         sock.settimeout(left)
         try:
             data = sock.recv(4096)
-        except (socket.timeout, TimeoutError):
+        except (socket.timeout, ssl.SSLWantReadError):
             continue
-        except ssl.SSLWantReadError:
-            continue
-        except (ConnectionError, ssl.SSLError, OSError):
-            return True, round(time.monotonic() - start, 3), got
+        except OSError:
+            data = b""
         if not data:
             return True, round(time.monotonic() - start, 3), got
         got += len(data)
+    return False, round(time.monotonic() - start, 3), got
 
 
 def _hold(path, max_s):
@@ -66,8 +61,8 @@ def _rst(sock):
 
 def client_hello():
     """The bytes of a real TLS ClientHello, made without a peer."""
-    inc, out = ssl.MemoryBIO(), ssl.MemoryBIO()
-    obj = peer.client_context().wrap_bio(inc, out)
+    out = ssl.MemoryBIO()
+    obj = peer.client_context().wrap_bio(ssl.MemoryBIO(), out)
     try:
         obj.do_handshake()
     except ssl.SSLWantReadError:
@@ -83,28 +78,24 @@ def run_plan(steps, host):
     ["hold", path, max_s]; ["closed", timeout] wait for the CAP to close;
     ["rst"] close with a reset; ["close_notify"] orderly TLS close."""
     res = []
-    raw = socket.create_connection((host, peer.PORT), timeout=5)
-    conn = raw
+    raw = conn = socket.create_connection((host, peer.PORT), timeout=5)
     try:
         for st in steps:
-            op = st[0]
-            r = {"op": op}
+            op, r = st[0], {"op": st[0]}
             if op == "send":
                 raw.sendall(bytes.fromhex(st[1]))
             elif op == "tls":
                 try:
                     conn = peer.client_context().wrap_socket(raw)
                     r["version"] = conn.version()
-                except (ssl.SSLError, OSError) as e:
-                    r.update(ok=False, error=str(e))
-                    res.append(r)
+                except OSError as e:
+                    res.append(dict(r, ok=False, error=str(e)))
                     break
             elif op == "tls_send":
                 conn.sendall(bytes.fromhex(st[1]))
             elif op == "raw":
-                raw_dup = socket.socket(fileno=os.dup(conn.fileno()))
-                raw_dup.sendall(bytes.fromhex(st[1]))
-                raw_dup.close()
+                with socket.socket(fileno=os.dup(conn.fileno())) as dup:
+                    dup.sendall(bytes.fromhex(st[1]))
             elif op == "frame":
                 conn.sendall(peer.frame(st[1], bytes.fromhex(st[3]), body_len=st[2]))
             elif op == "hello_part":
@@ -122,17 +113,17 @@ def run_plan(steps, host):
             elif op == "close_notify":
                 try:
                     conn = conn.unwrap()
-                except (ssl.SSLError, OSError) as e:
+                except OSError as e:
                     r["error"] = str(e)
             res.append(r)
-    except (ConnectionError, OSError) as e:
+    except OSError as e:
         res.append({"op": "fault", "error": str(e)})
     finally:
-        try:
-            conn.close()
-        except OSError:
-            pass
-        raw.close()
+        for s in (conn, raw):
+            try:
+                s.close()
+            except OSError:
+                pass
     return res
 
 
@@ -145,52 +136,46 @@ def cmd_plans(a):
 
 
 def cmd_cycles(a):
-    """n connect/close cycles; stops early after max_s seconds. A cycle waits
-    up to wait_ms for the CAP to hang up (its answer to a second peer) before
-    it closes, so the client keeps the CAP's pace instead of overrunning its
-    accept backlog of 10; every eager_every-th cycle closes at once, before
-    the CAP has looked at it. Every rst_every-th close is a reset. Each cycle
-    has its own source port: the CAP closes first and so keeps the
-    TIME_WAIT, and a re-used port would meet it and wait out a SYN
-    retransmission (1 s)."""
+    """n connect/close cycles, stopping after max_s seconds. A cycle waits up
+    to wait_ms for the CAP to hang up (its answer to a second peer) before it
+    closes, so the client keeps the CAP's pace instead of overrunning its
+    accept backlog; every eager_every-th cycle closes at once, every
+    rst_every-th close is a reset. Each cycle binds its own source port: the
+    CAP closes first and keeps the TIME_WAIT, and a re-used port would meet
+    it and wait out a SYN retransmission (1 s)."""
     n, max_s = a["n"], a.get("max_s", 30)
     rst_every, eager_every = a.get("rst_every", 2), a.get("eager_every", 10)
-    wait = a.get("wait_ms", 20) / 1000.0
-    ok = failed = resets = refused = eager = stalls = 0
-    slowest = 0.0
-    t0 = time.monotonic()
+    c = dict.fromkeys(("ok", "failed", "resets", "refused", "eager", "stalls"), 0)
+    slowest, t0 = 0.0, time.monotonic()
     for i in range(n):
         if time.monotonic() - t0 > max_s:
             break
-        s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        s.settimeout(3)
-        c0 = time.monotonic()
-        try:
-            s.bind(("", a.get("port0", 30000) + i))
-            s.connect((a.get("host", CAP_IP), peer.PORT))
-            ok += 1
-            took = time.monotonic() - c0
-            slowest = max(slowest, took)
-            stalls += took > 0.5
-            if eager_every and i % eager_every == 0:
-                eager += 1
-            elif select.select([s], [], [], wait)[0]:
-                refused += 1
-            if rst_every and i % rst_every == 0:
-                _rst(s)
-                resets += 1
-        except OSError:
-            failed += 1
-        s.close()
-    emit({"step": "done", "ok": ok, "failed": failed, "resets": resets, "refused": refused,
-          "eager": eager, "stalls": stalls, "slowest_connect": round(slowest, 3),
+        with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+            s.settimeout(3)
+            c0 = time.monotonic()
+            try:
+                s.bind(("", a.get("port0", 30000) + i))
+                s.connect((a.get("host", CAP_IP), peer.PORT))
+                took = time.monotonic() - c0
+                slowest = max(slowest, took)
+                c["ok"] += 1
+                c["stalls"] += took > 0.5
+                if eager_every and i % eager_every == 0:
+                    c["eager"] += 1
+                elif select.select([s], [], [], a.get("wait_ms", 20) / 1000.0)[0]:
+                    c["refused"] += 1
+                if rst_every and i % rst_every == 0:
+                    _rst(s)
+                    c["resets"] += 1
+            except OSError:
+                c["failed"] += 1
+    emit({"step": "done", **c, "slowest_connect": round(slowest, 3),
           "elapsed": round(time.monotonic() - t0, 3)})
 
 
 def _is_closed(s):
     """True once the other end has closed s (non-blocking look)."""
-    r, _, _ = select.select([s], [], [], 0)
-    if not r:
+    if not select.select([s], [], [], 0)[0]:
         return False
     try:
         return s.recv(1, socket.MSG_PEEK) == b""
@@ -202,111 +187,89 @@ def cmd_halfopen(a):
     """k connections that send nothing. After probe_s, reports how many the
     CAP has closed; then holds the rest until the path `release` appears (or
     max_s), or, with wait_close, until the CAP closes them."""
-    socks = []
-    for _ in range(a["k"]):
-        s = socket.create_connection((a.get("host", CAP_IP), peer.PORT), timeout=5)
-        socks.append(s)
+    socks = [socket.create_connection((a.get("host", CAP_IP), peer.PORT), timeout=5)
+             for _ in range(a["k"])]
     time.sleep(a.get("probe_s", 1.0))
     closed = [_is_closed(s) for s in socks]
     emit({"step": "held", "open": closed.count(False), "closed": closed.count(True)})
     if a.get("wait_close"):
         t0 = time.monotonic()
-        end = t0 + a["wait_close"]
-        while time.monotonic() < end and not all(_is_closed(s) for s in socks):
+        while time.monotonic() < t0 + a["wait_close"] and not all(map(_is_closed, socks)):
             time.sleep(0.1)
-        emit({"step": "cap_closed", "all": all(_is_closed(s) for s in socks),
+        emit({"step": "cap_closed", "all": all(map(_is_closed, socks)),
               "after": round(time.monotonic() - t0, 2)})
     else:
-        released = _hold(a.get("release"), a.get("max_s", 20))
-        emit({"step": "released", "by_test": released})
+        emit({"step": "released", "by_test": _hold(a.get("release"), a.get("max_s", 20))})
     for s in socks:
         s.close()
     emit({"step": "done"})
 
 
-def flood_payloads():
-    """(kind, payload) cycle of discovery datagrams, valid and not."""
-    return [
-        ("valid", REQ + b"\0"),
-        ("valid_tail", REQ + b"\0" + os.urandom(40)),
-        ("no_nul", REQ),
-        ("v1.1", b"KORVANE_RE_DDv1.1\0"),
-        ("cap_answer", b"KORVANE_CAP_DDv1.0" + b"6.6.6.6\0"),
-        ("empty", b""),
-        ("short", REQ[:5]),
-        ("nuls", b"\0" * 64),
-        ("random", os.urandom(300)),
-        ("fmt", b"%s%n%x%s%s%s%n" * 8),
-        ("mtu", b"A" * 1472),
-        ("2047", b"B" * 2047),
-        ("2048", b"C" * 2048),
-        ("4000", b"D" * 4000),
-    ]
+FLOOD = (("valid", REQ + b"\0"), ("valid_tail", REQ + b"\0" + os.urandom(40)), ("no_nul", REQ),
+         ("v1.1", b"KORVANE_RE_DDv1.1\0"), ("cap_answer", b"KORVANE_CAP_DDv1.06.6.6.6\0"),
+         ("empty", b""), ("short", REQ[:5]), ("nuls", b"\0" * 64), ("random", os.urandom(300)),
+         ("fmt", b"%s%n%x%s%s%s%n" * 8), ("mtu", b"A" * 1472), ("2047", b"B" * 2047),
+         ("2048", b"C" * 2048), ("4000", b"D" * 4000))
 
 
-def _udp_payload(frame):
-    if len(frame) < 34 or frame[12:14] != b"\x08\x00" or frame[23] != 17:
-        return None
-    ihl = (frame[14] & 0x0F) * 4
-    dport, length = struct.unpack("!HH", frame[14 + ihl + 2:14 + ihl + 6])
-    if dport != peer.PORT:
-        return None
-    return frame[14 + ihl + 8:14 + ihl + length]
+class Wire:
+    """Broadcasts on ifname and sniffs the CAP's discovery answers on a packet
+    socket: their source may be the RE's own factory address, which the RE's
+    IP stack drops as martian."""
+
+    def __init__(self, ifname):
+        self.rx = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x0800))
+        self.rx.bind((ifname, 0x0800))
+        self.tx = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.tx.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+        self.tx.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, ifname.encode())
+
+    def send(self, payload):
+        self.tx.sendto(payload, ("255.255.255.255", peer.PORT))
+
+    def answers(self, timeout):
+        """CAP answers (UDP payloads to PORT) heard within timeout seconds."""
+        out, end = [], time.monotonic() + timeout
+        while select.select([self.rx], [], [], max(0.0, end - time.monotonic()))[0]:
+            f, addr = self.rx.recvfrom(4096)
+            if addr[2] == socket.PACKET_OUTGOING or len(f) < 34 or f[12:14] != b"\x08\x00" or f[23] != 17:
+                continue
+            ihl = (f[14] & 0x0F) * 4
+            dport, length = struct.unpack("!HH", f[14 + ihl + 2:14 + ihl + 6])
+            data = f[14 + ihl + 8:14 + ihl + length]
+            if dport == peer.PORT and data.startswith(b"KORVANE_CAP_DD"):
+                out.append(data)
+        return out
+
+
+def cmd_ddsend(a):
+    w = Wire(a.get("ifname", "eth4"))
+    w.send(bytes.fromhex(a["hex"]))
+    emit({"step": "done", "answers": [x.hex() for x in w.answers(a.get("wait", 1.5))]})
 
 
 def cmd_ddflood(a):
-    """n datagrams broadcast on ifname in bursts, cycling through the kinds
-    above; counts the CAP's answers heard on the wire."""
-    ifname = a.get("ifname", "eth4")
-    n, burst, gap = a["n"], a.get("burst", 20), a.get("gap", 0.01)
-    rx = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x0800))
-    rx.bind((ifname, 0x0800))
-    rx.setblocking(False)
-    tx = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    tx.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
-    tx.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, ifname.encode())
-    kinds = flood_payloads()
-    sent = {}
-    answers = 0
-
-    def drain():
-        nonlocal answers
-        while True:
-            try:
-                data = _udp_payload(rx.recv(4096))
-            except (BlockingIOError, InterruptedError):
-                return
-            if data and data.startswith(b"KORVANE_CAP_DDv1.0192.168.77.1"):
-                answers += 1
-
+    """n datagrams broadcast in bursts, cycling through FLOOD; counts the
+    CAP's answers heard on the wire."""
+    w = Wire(a.get("ifname", "eth4"))
+    n, burst, sent, answers = a["n"], a.get("burst", 20), {}, 0
     t0 = time.monotonic()
     for i in range(n):
         if time.monotonic() - t0 > a.get("max_s", 20):
             break
-        kind, payload = kinds[i % len(kinds)]
-        tx.sendto(payload, ("255.255.255.255", peer.PORT))
+        kind, payload = FLOOD[i % len(FLOOD)]
+        w.send(payload)
         sent[kind] = sent.get(kind, 0) + 1
         if i % burst == burst - 1:
-            time.sleep(gap)
-            drain()
-    end = time.monotonic() + a.get("tail_s", 1.0)
-    while time.monotonic() < end:
-        time.sleep(0.05)
-        drain()
+            time.sleep(a.get("gap", 0.01))
+            answers += len(w.answers(0))
+    answers += len(w.answers(a.get("tail_s", 1.0)))
     emit({"step": "done", "sent": sent, "total": sum(sent.values()), "answers": answers,
           "elapsed": round(time.monotonic() - t0, 3)})
 
 
-COMMANDS = {"plans": cmd_plans, "cycles": cmd_cycles, "halfopen": cmd_halfopen,
-            "ddflood": cmd_ddflood}
-
-
-def main():
+if __name__ == "__main__":
     try:
-        COMMANDS[sys.argv[1]](json.loads(sys.argv[2]))
+        globals()["cmd_" + sys.argv[1]](json.loads(sys.argv[2]))
     except Exception as e:  # report; the test decides
         emit({"step": "error", "error": "%s: %s" % (type(e).__name__, e)})
-
-
-if __name__ == "__main__":
-    main()

@@ -1,17 +1,15 @@
 """Two-router lab: the real plaitd in two simulated routers on one host.
 
-A router ("cap" or "re") is
-  * a network namespace "<lab>-<name>" holding br-lan and the cable end
-    (CAP: eth0 in br-lan; RE: eth4, plus a br-lan with no ports),
-  * a PID + mount namespace whose init is chrooted into <lab dir>/<name>/root.
-The root is a plain host directory, so tests read and write router files
-through Router.path(). The mounts it needs (host libraries read-only, /dev
-nodes, a procfs at /.kproc, sysfs) exist only inside the router's mount
-namespace and vanish with its init, which takes every router process along.
-Userland is busybox; platform commands are stand-ins that record each call
-in /tmp/lab-calls.log; uci is emulated over /etc/config.
+A router ("cap" or "re") is a network namespace "<lab>-<name>" (br-lan and
+the cable end: CAP eth0 in br-lan, RE eth4 plus a port-less br-lan) and a
+PID + mount namespace whose init is chrooted into <lab dir>/<name>/root, a
+plain host directory (Router.path()). Its mounts live only in that mount
+namespace; killing its init ends every process of the router. Userland is
+busybox, uci is emulated over /etc/config, platform commands are stand-ins
+that record each call in /tmp/lab-calls.log. See README.md.
 """
 import atexit
+import functools
 import json
 import os
 import re
@@ -25,37 +23,37 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOTFS = os.path.join(HERE, "rootfs")
+UDHCPC_HOOK = os.path.join(HERE, "..", "openwrt", "plaitd", "files", "plaitd.udhcpc")
 PLAITD_BIN = os.environ.get("PLAITD_BIN", os.path.join(HERE, "..", "build", "release", "plaitd"))
 LAB_BASE = os.environ.get("LAB_BASE", "/tmp")
 BUSYBOX = "/bin/busybox"
 NSENTER = shutil.which("nsenter") or "/usr/bin/nsenter"
-FACTORY_IP = "192.168.77.1"
-RE_STATIC_IP = "192.168.77.20"
+FACTORY_IP, RE_STATIC_IP = "192.168.77.1", "192.168.77.20"
+CAP_MAC, RE_MAC = "28:6C:07:10:00:01", "28:6C:07:20:00:01"
 ROUTER_ENV = {"PATH": "/bin:/sbin:/usr/bin:/usr/sbin", "HOME": "/root", "TERM": "dumb"}
 CALLS = "/tmp/lab-calls.log"
-# Valgrind for Lab(valgrind=True): the launcher and its wrapper script are
-# copied into the router, the tool directory is bind-mounted read-only.
-VALGRIND_BINS = ("/usr/bin/valgrind", "/usr/bin/valgrind.bin")
+VALGRIND_BINS = ("/usr/bin/valgrind", "/usr/bin/valgrind.bin")   # Lab(valgrind=True)
 VALGRIND_LIBEXEC = "/usr/libexec/valgrind"
-PROC_PIDS = 4096   # router pids start at 1 in their own pid namespace
-
-# Stand-in name -> directory inside the router.
+PROC_PIDS = 4096   # /proc/<pid> links for the router's own pids (LeakSanitizer reads them)
 STANDINS = {"boardkv": "/usr/sbin", "macinfo": "/usr/sbin", "vsled": "/usr/sbin",
-            "mesh_tool": "/usr/sbin", "mesh_setup.sh": "/usr/sbin",
-            "linkprobe": "/sbin", "lua": "/usr/bin"}
-# Busybox applets that need the router's real process table (see rootfs/withproc).
-PROC_TOOLS = ("killall", "pidof", "ps", "top")
-DIRS = ("bin", "sbin", "usr/bin", "usr/sbin", "usr/lib", "usr/lib64",
-        "usr/share/veltrasso/cc", "etc/config", "dev", "proc/veltrasso", ".kproc", ".pview",
-        "sys", "tmp/mq/cc", "tmp/.uci", "run", "var", "root", "lab/ans")
+            "mesh_tool": "/usr/sbin", "mesh_setup.sh": "/usr/sbin", "linkprobe": "/sbin",
+            "lua": "/usr/bin"}
+PROC_TOOLS = ("killall", "pidof", "ps", "top")   # see rootfs/withproc
+DEVS = ("null", "zero", "full", "random", "urandom")
+DIRS = ("bin", "sbin", "usr/bin", "usr/sbin", "usr/lib", "usr/lib64", "usr/share/udhcpc",
+        "usr/share/veltrasso/cc", "etc/config", "etc/udhcpc.user.d", "dev", "proc/veltrasso",
+        ".kproc", ".pview", "sys", "tmp/mq/cc", "tmp/.uci", "run", "var", "root", "lab/ans")
+LINKS = (("lib", "usr/lib"), ("lib64", "usr/lib64"), ("var/run", "../run"),
+         ("proc/self", "/.kproc/self"), ("proc/net", "self/net"), ("proc/mounts", "self/mounts"),
+         ("dev/fd", "/proc/self/fd"), ("dev/stdin", "fd/0"), ("dev/stdout", "fd/1"),
+         ("dev/stderr", "fd/2"))
 
-# Runs as init of the router's new PID + mount namespace, inside its netns.
+# Init of the router's PID + mount namespace, run inside its netns.
 HOLDER_SETUP = r"""
 set -e
 R=$1
 mount --bind -o ro /usr/lib "$R/usr/lib"
 mount --bind -o ro /usr/lib64 "$R/usr/lib64"
-# Only routers built for valgrind have this directory.
 if [ -d "$R/usr/libexec/valgrind" ]; then mount --bind -o ro /usr/libexec/valgrind "$R/usr/libexec/valgrind"; fi
 for d in null zero full random urandom; do mount --bind /dev/$d "$R/dev/$d"; done
 mount -t proc proc "$R/.kproc"
@@ -70,55 +68,24 @@ touch "$R/.lab-up"
 exec chroot "$R" /bin/sh -c 'while :; do sleep 3600 & wait; done'
 """
 
-CAP_MAC, RE_MAC = "28:6C:07:10:00:01", "28:6C:07:20:00:01"
-
 
 def seed_uci(role):
-    """Realistic uci configuration of a CAP or an RE: "pkg.sec" -> section
+    """uci configuration of a CAP or an RE from uci.seed: "pkg.sec" -> section
     type, "pkg.sec.opt" -> value (insertion order is file order)."""
     cap = role == "cap"
-    m = "10" if cap else "20"
-    tag = "CAP" if cap else "RE"
-    s = {}
-
-    def sec(name, typ, **opts):
-        s[name] = typ
-        for k, v in opts.items():
-            s[f"{name}.{k}"] = v
-
-    sec("wireless.radio0", "wifi-device", band="2g", channel="6", htmode="HE20")
-    sec("wireless.radio1", "wifi-device", band="5g", channel="36", htmode="HE80")
-    sec("wireless.wifi1", "wifi-iface", device="radio0", ifname="wl1", network="lan",
-        mode="ap", ssid=f"Korvane-{tag}-2G", encryption="psk2", key=f"{tag.lower()}-24-passphrase",
-        macaddr=f"28:6c:07:{m}:00:02")
-    sec("wireless.wifi0", "wifi-iface", device="radio1", ifname="wl0", network="lan",
-        mode="ap", ssid=f"Korvane-{tag}-5G", encryption="ccmp", sae_password=f"{tag.lower()}-5-sae",
-        key=f"{tag.lower()}-5-passphrase", bsd="0", macaddr=f"28:6c:07:{m}:00:03")
-    sec("wireless.bh_ap", "wifi-iface", device="radio1", ifname="wl01", network="lan",
-        mode="ap", hidden="1", ssid="KvMesh_3f9a1c2e", encryption="psk2",
-        key="bh3f9a1c2e7d6b5a", macaddr=f"2a:6c:07:{m}:00:03")
-    sec("misc.wireless", "misc", ifname_2G="wl1", ifname_5G="wl0", if_2G="wifi1",
-        if_5G="wifi0", if_5GH="")
-    sec("misc.backhauls", "misc", backhaul_5g_ap_iface="wl01", backhaul_5g_sta_iface="wl02")
-    sec("misc.mesh", "misc", support_dfs="0")
-    sec("network.lan", "interface", type="bridge", ifname="eth0 eth1 eth2 eth3",
-        proto="static", ipaddr=FACTORY_IP, netmask="255.255.255.0")
-    sec("network.wan", "interface", ifname="eth4", proto="dhcp")
-    sec("veltrasso.common", "veltrasso", INITTED="YES" if cap else "NO")
-    return s
+    sub = {"TAG": role.upper(), "t": role, "m": "10" if cap else "20", "INITTED": "YES" if cap else "NO"}
+    with open(os.path.join(HERE, "uci.seed")) as f:
+        return dict(l.rstrip("\n").format(**sub).split("=", 1) for l in f if not l.startswith("#"))
 
 
 def default_answers(role):
-    """Stand-in answers: tool -> {argument text ("$*") or None for any: (stdout, status)}."""
+    """Stand-in answers: tool -> {argument text ("$*"), None for any: (stdout, status)}."""
     cap = role == "cap"
-    return {
-        "boardkv": {"get SN": ("KV24A10001%s\n" % ("01" if cap else "02"), 0)},
-        "macinfo": {"wan": ((CAP_MAC if cap else RE_MAC) + "\n", 0)},
-        "mesh_tool": {"initbuf": ('{"mesh":{"role":"%s","bh_band":"5g","ch_5g":36,"ch_2g":6}}\n'
-                                  % ("cap" if cap else "re"), 0),
-                      "backhaul get band": ("5g\n", 0)},
-        "linkprobe": {"link": ("wan up\nlan up\n", 0)},
-    }
+    return {"boardkv": {"get SN": ("KV24A10001%s\n" % ("01" if cap else "02"), 0)},
+            "macinfo": {"wan": ((CAP_MAC if cap else RE_MAC) + "\n", 0)},
+            "mesh_tool": {"initbuf": ('{"mesh":{"role":"%s","bh_band":"5g","ch_5g":36,"ch_2g":6}}\n'
+                                      % role, 0), "backhaul get band": ("5g\n", 0)},
+            "linkprobe": {"link": ("wan up\nlan up\n", 0)}}
 
 
 def _q(v):
@@ -127,8 +94,8 @@ def _q(v):
 
 
 def _run(argv, timeout=10, **kw):
-    return subprocess.run(argv, check=True, timeout=timeout, stdin=subprocess.DEVNULL,
-                          capture_output=True, text=True, **kw)
+    kw.setdefault("stdin", None if "input" in kw else subprocess.DEVNULL)
+    return subprocess.run(argv, check=True, timeout=timeout, capture_output=True, text=True, **kw)
 
 
 def _children(pid):
@@ -142,49 +109,38 @@ def _children(pid):
 def _alive(pid):
     try:
         os.kill(pid, 0)
-        return True
     except ProcessLookupError:
         return False
     except PermissionError:
-        return True
+        pass
+    return True
 
 
 def wait_until(pred, timeout, step=0.05):
     """Polls pred() until it is true or timeout seconds pass; returns its last value."""
     end = time.monotonic() + timeout
-    while True:
-        v = pred()
-        if v or time.monotonic() >= end:
-            return v
+    while not (v := pred()) and time.monotonic() < end:
         time.sleep(step)
+    return v
 
 
-_applets = None
-_tls_dir = None
-
-
+@functools.lru_cache(None)
 def _busybox_applets():
-    global _applets
-    if _applets is None:
-        _applets = _run([BUSYBOX, "--list"]).stdout.split()
-    return _applets
+    return _run([BUSYBOX, "--list"]).stdout.split()
 
 
+@functools.lru_cache(None)
 def _tls_material():
     """A CA (mq_a1) and a router certificate signed by it, made once per process."""
-    global _tls_dir
-    if _tls_dir is None:
-        d = tempfile.mkdtemp(prefix=f"lab-tls-{os.getpid()}-", dir=LAB_BASE)
-        atexit.register(shutil.rmtree, d, True)
-        o = ["openssl"]
-        _run(o + ["req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key",
-                  "-out", "ca.crt", "-days", "3650", "-subj", "/CN=lab-ca"], cwd=d)
-        _run(o + ["req", "-newkey", "rsa:2048", "-nodes", "-keyout", "dev.key", "-out",
-                  "dev.csr", "-subj", "/CN=lab-router"], cwd=d)
-        _run(o + ["x509", "-req", "-in", "dev.csr", "-CA", "ca.crt", "-CAkey", "ca.key",
-                  "-CAcreateserial", "-out", "dev.crt", "-days", "3650"], cwd=d)
-        _tls_dir = d
-    return _tls_dir
+    d = tempfile.mkdtemp(prefix=f"lab-tls-{os.getpid()}-", dir=LAB_BASE)
+    atexit.register(shutil.rmtree, d, True)
+    key = ["-newkey", "rsa:2048", "-nodes", "-keyout"]
+    _run(["openssl", "req", "-x509"] + key + ["ca.key", "-out", "ca.crt", "-days", "3650",
+                                                "-subj", "/CN=lab-ca"], cwd=d)
+    _run(["openssl", "req"] + key + ["dev.key", "-out", "dev.csr", "-subj", "/CN=lab-router"], cwd=d)
+    _run(["openssl", "x509", "-req", "-in", "dev.csr", "-CA", "ca.crt", "-CAkey", "ca.key",
+          "-CAcreateserial", "-out", "dev.crt", "-days", "3650"], cwd=d)
+    return d
 
 
 class Proc:
@@ -195,15 +151,13 @@ class Proc:
         self.router, self.name, self.popen, self.pid = router, name, popen, pid
         self.out_path, self.err_path = out, err
 
-    def _read(self, path):
-        with open(path, "rb") as f:
+    def out(self):
+        with open(self.out_path, "rb") as f:
             return f.read().decode("utf-8", "replace")
 
-    def out(self):
-        return self._read(self.out_path)
-
     def err(self):
-        return self._read(self.err_path)
+        with open(self.err_path, "rb") as f:
+            return f.read().decode("utf-8", "replace")
 
     log = err   # plaitd -o logs to stderr
 
@@ -211,7 +165,7 @@ class Proc:
         return self.popen.poll() is None
 
     def wait(self, timeout):
-        """Exit status (shell style: 255 for exit(-1), -N for signal N) or None."""
+        """Exit status (255 for exit(-1), -N for signal N) or None after timeout."""
         try:
             return self.popen.wait(timeout)
         except subprocess.TimeoutExpired:
@@ -239,8 +193,8 @@ class Proc:
         return (self.err() if stream == "err" else self.out()).count(text)
 
     def wait_log(self, text, timeout, count=1, stream="err"):
-        """Waits until text occurs count times in the log; raises with the log
-        tail if it does not within timeout seconds."""
+        """Waits until text occurs count times in the log (stream "out": the
+        status records); raises with the tail if it does not in time."""
         if wait_until(lambda: self.count(text, stream) >= count, timeout):
             return
         tail = (self.err() if stream == "err" else self.out())[-3000:]
@@ -250,8 +204,7 @@ class Proc:
 
 class NetnsJob:
     """A host program in the background in a router's network namespace that
-    prints one JSON object per line with a "step" key (peer.py, hostile.py);
-    its output goes to a file in the router's directory."""
+    prints one JSON object per line with a "step" key (peer.py, hostile.py)."""
 
     def __init__(self, router, argv, tag):
         self.path = os.path.join(router.dir, f"{tag}-{time.monotonic_ns()}.out")
@@ -267,8 +220,7 @@ class NetnsJob:
 
     def wait_step(self, step, timeout, count=1):
         """Waits for the count-th line of step and returns it."""
-        found = wait_until(lambda: len(self.lines(step)) >= count, timeout)
-        assert found, (step, self.lines())
+        assert wait_until(lambda: len(self.lines(step)) >= count, timeout), (step, self.lines())
         return self.lines(step)[count - 1]
 
     def finish(self, timeout):
@@ -287,8 +239,7 @@ class Router:
         self.ns = f"{lab.uniq}-{name}"
         self.dir = os.path.join(lab.dir, name)
         self.root = os.path.join(self.dir, "root")
-        self.init_pid = None
-        self.holder = None
+        self.init_pid = self.holder = None
         self.procs = []
         self.uci = seed_uci(name)
         for k, v in (uci or {}).items():
@@ -301,7 +252,6 @@ class Router:
         for tool, a in (answers or {}).items():
             self.answers.setdefault(tool, {}).update(a)
 
-    # --- files -------------------------------------------------------------
     def path(self, p):
         """Host path of the router's absolute path p."""
         return os.path.join(self.root, p.lstrip("/"))
@@ -330,13 +280,9 @@ class Router:
         """Writes self.uci as /etc/config files (drops pending changes)."""
         pkgs = {}
         for k, v in self.uci.items():
-            parts = k.split(".", 2)
-            secs = pkgs.setdefault(parts[0], {})
-            sec = secs.setdefault(parts[1], {"": None})
-            if len(parts) == 2:
-                sec[""] = v
-            else:
-                sec[parts[2]] = v
+            pkg, sec, *opt = k.split(".", 2)
+            s = pkgs.setdefault(pkg, {}).setdefault(sec, {"": None})
+            s[opt[0] if opt else ""] = v
         for pkg, secs in pkgs.items():
             lines = []
             for sname, opts in secs.items():
@@ -352,77 +298,67 @@ class Router:
         self._write_answers(tool)
 
     def _write_answers(self, tool):
-        lines = ['case "$*" in']
-        table = self.answers.get(tool, {})
-        for args, (out, rc) in sorted(table.items(), key=lambda kv: kv[0] is None):
-            pat = "*" if args is None else shlex.quote(args)
-            lines.append(f"{pat}) printf %s {shlex.quote(out)}; exit {int(rc)} ;;")
-        lines.append("esac")
-        self.write(f"/lab/ans/{tool}", "\n".join(lines) + "\n")
+        table = sorted(self.answers.get(tool, {}).items(), key=lambda kv: kv[0] is None)
+        cases = [f"{'*' if a is None else shlex.quote(a)}) printf %s {shlex.quote(o)}; exit {int(rc)} ;;"
+                 for a, (o, rc) in table]
+        self.write(f"/lab/ans/{tool}", "\n".join(['case "$*" in'] + cases + ["esac"]) + "\n")
 
     def build(self):
-        r = self.root
         for d in DIRS:
-            os.makedirs(os.path.join(r, d), exist_ok=True)
-        for link, target in (("lib", "usr/lib"), ("lib64", "usr/lib64"), ("var/run", "../run"),
-                             ("proc/self", "/.kproc/self"), ("proc/net", "self/net"),
-                             ("proc/mounts", "self/mounts"), ("dev/fd", "/proc/self/fd"),
-                             ("dev/stdin", "fd/0"), ("dev/stdout", "fd/1"), ("dev/stderr", "fd/2")):
-            os.symlink(target, os.path.join(r, link))
-        # /proc/<pid> of the router's own processes, for tools that look up a
-        # pid there (LeakSanitizer reads /proc/<pid>/task at exit).
+            os.makedirs(self.path(d), exist_ok=True)
+        for link, target in LINKS:
+            os.symlink(target, self.path(link))
         for pid in range(1, PROC_PIDS + 1):
-            os.symlink(f"/.kproc/{pid}", os.path.join(r, "proc", str(pid)))
-        for d in ("null", "zero", "full", "random", "urandom"):
-            open(os.path.join(r, "dev", d), "w").close()
+            os.symlink(f"/.kproc/{pid}", self.path(f"/proc/{pid}"))
+        for d in DEVS:
+            open(self.path("/dev/" + d), "w").close()
         shutil.copy2(BUSYBOX, self.path("/bin/busybox"))
         for a in _busybox_applets():
             if a != "busybox":
                 os.symlink("/lab/withproc" if a in PROC_TOOLS else "busybox", self.path("/bin/" + a))
         for f, dest in (("standin", "/lab/standin"), ("withproc", "/lab/withproc"),
                         ("uci", "/sbin/uci"), ("uci.awk", "/lab/uci.awk"),
-                        ("udhcpc.script", "/lab/udhcpc.script")):
+                        ("default.script", "/usr/share/udhcpc/default.script")):
             shutil.copy2(os.path.join(ROOTFS, f), self.path(dest))
+        # The package's own DHCP hook, as the plaitd package installs it.
+        shutil.copy2(UDHCPC_HOOK, self.path("/etc/udhcpc.user.d/plaitd"))
         for tool, d in STANDINS.items():
             os.symlink("/lab/standin", self.path(f"{d}/{tool}"))
         for tool in self.answers:
             self._write_answers(tool)
         shutil.copy2("/etc/ld.so.cache", self.path("/etc/ld.so.cache"))
-        self.write("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n")
-        self.write("/etc/group", "root:x:0:\n")
-        self.write("/etc/hosts", "127.0.0.1 localhost\n")
-        self.write("/usr/sbin/mesh_info.lua", "-- lab: read by the lua stand-in only\n")
-        self.write("/proc/veltrasso/ft_mode", "0\n")
-        self.write("/tmp/boot_check_done", "1\n")
-        self.write(CALLS, "")
+        for p, text in (("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n"),
+                        ("/etc/group", "root:x:0:\n"), ("/etc/hosts", "127.0.0.1 localhost\n"),
+                        ("/usr/sbin/mesh_info.lua", "-- read by the lua stand-in only\n"),
+                        ("/proc/veltrasso/ft_mode", "0\n"), ("/tmp/boot_check_done", "1\n"),
+                        (CALLS, "")):
+            self.write(p, text)
         if self.lab.valgrind:
             os.makedirs(self.path(VALGRIND_LIBEXEC), exist_ok=True)
             for f in VALGRIND_BINS:
                 shutil.copy2(f, self.path(f))
         tls = _tls_material()
-        shutil.copy2(os.path.join(tls, "ca.crt"), self.path("/usr/share/veltrasso/cc/mq_a1"))
-        shutil.copy2(os.path.join(tls, "dev.crt"), self.path("/tmp/mq/cc/veltrasso_ct"))
-        shutil.copy2(os.path.join(tls, "dev.key"), self.path("/tmp/mq/cc/veltrasso_ky"))
+        for f, dest in (("ca.crt", "/usr/share/veltrasso/cc/mq_a1"),
+                        ("dev.crt", "/tmp/mq/cc/veltrasso_ct"), ("dev.key", "/tmp/mq/cc/veltrasso_ky")):
+            shutil.copy2(os.path.join(tls, f), self.path(dest))
         self.write_uci()
 
-    # --- namespaces --------------------------------------------------------
     def start_holder(self):
-        err = open(os.path.join(self.dir, "holder.err"), "w")
-        self.holder = subprocess.Popen(
-            [NSENTER, f"--net=/run/netns/{self.ns}", "unshare", "-m", "-p", "-f",
-             "--propagation", "private", "--kill-child", "/bin/sh", "-c", HOLDER_SETUP,
-             "holder", self.root],
-            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err,
-            start_new_session=True)
-        err.close()
+        with open(os.path.join(self.dir, "holder.err"), "w") as err:
+            self.holder = subprocess.Popen(
+                [NSENTER, f"--net=/run/netns/{self.ns}", "unshare", "-m", "-p", "-f",
+                 "--propagation", "private", "--kill-child", "/bin/sh", "-c", HOLDER_SETUP,
+                 "holder", self.root],
+                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err,
+                start_new_session=True)
 
     def wait_holder(self, timeout=10):
-        ok = wait_until(lambda: os.path.exists(self.path("/.lab-up")) or self.holder.poll() is not None,
-                        timeout)
-        kids = wait_until(lambda: _children(self.holder.pid), 2) if ok else []
-        if not (os.path.exists(self.path("/.lab-up")) and kids):
-            raise RuntimeError(f"router {self.name} did not come up: "
-                               + open(os.path.join(self.dir, "holder.err")).read())
+        up = lambda: os.path.exists(self.path("/.lab-up"))   # noqa: E731
+        wait_until(lambda: up() or self.holder.poll() is not None, timeout)
+        kids = wait_until(lambda: _children(self.holder.pid), 2) if up() else []
+        if not kids:
+            with open(os.path.join(self.dir, "holder.err")) as f:
+                raise RuntimeError(f"router {self.name} did not come up: " + f.read())
         self.init_pid = kids[0]
 
     def enter(self):
@@ -439,13 +375,11 @@ class Router:
         return r
 
     def netns_argv(self, argv):
-        """argv to run a host program (e.g. /usr/bin/python3, which the router
-        root lacks) in the router's network namespace only: it sees the
-        host's files, so router files must be named by self.path()."""
+        """argv to run a host program (e.g. /usr/bin/python3) in the router's
+        network namespace only: it sees the host's files, not the router's."""
         return [NSENTER, f"--net=/run/netns/{self.ns}"] + list(argv)
 
     def netns_run(self, argv, timeout=10, check=True):
-        """Runs netns_argv(argv) to its end."""
         return subprocess.run(self.netns_argv(argv), capture_output=True, text=True,
                               timeout=timeout, check=check, stdin=subprocess.DEVNULL)
 
@@ -453,27 +387,21 @@ class Router:
         """Starts argv in the router in the background. Its router PID goes to
         /var/run/<name>.pid (the udhcpc hook signals plaitd through it)."""
         name = name or os.path.basename(argv[0])
-        out = os.path.join(self.dir, f"{name}.out")
-        err = os.path.join(self.dir, f"{name}.err")
+        out, err = (os.path.join(self.dir, f"{name}.{x}") for x in ("out", "err"))
         with open(out, "wb") as fo, open(err, "wb") as fe:
             p = subprocess.Popen(self.enter() + ["/bin/sh", "-c", 'echo $$ > "/run/$0.pid"; exec "$@"',
                                                  name] + list(argv),
                                  env=ROUTER_ENV, stdin=subprocess.DEVNULL, stdout=fo, stderr=fe,
                                  start_new_session=True)
         kids = wait_until(lambda: _children(p.pid) or p.poll() is not None, 3)
-        proc = Proc(self, name, p, kids[0] if isinstance(kids, list) else None, out, err)
-        self.procs.append(proc)
-        return proc
+        self.procs.append(Proc(self, name, p, kids[0] if isinstance(kids, list) else None, out, err))
+        return self.procs[-1]
 
     def plaitd(self, *args, binary=None, prefix=()):
-        """Starts the real daemon: plaitd <args>, stdout = status records,
-        stderr = log (with -o). prefix is an argv run in front of it (e.g.
-        valgrind and its options; it must exec the daemon in the same
-        process so that Proc.pid and /var/run/plaitd.pid stay the daemon's).
-        Returns the Proc."""
-        binary = binary or PLAITD_BIN
-        dest = self.path("/usr/sbin/plaitd")
-        shutil.copy2(binary, dest)
+        """Starts the real daemon (stdout: status records, stderr: log with -o).
+        prefix runs in front of it (valgrind ...) and must exec it in the same
+        process, so that Proc.pid and /var/run/plaitd.pid stay the daemon's."""
+        shutil.copy2(binary or PLAITD_BIN, self.path("/usr/sbin/plaitd"))
         return self.spawn(list(prefix) + ["/usr/sbin/plaitd"] + list(args), "plaitd")
 
     def stop_all(self):
@@ -502,17 +430,10 @@ class Lab:
         self.valgrind = valgrind   # routers can run their programs under valgrind
         self.uniq = uniq or f"lab-{os.getpid()}-{secrets.token_hex(2)}"
         self.dir = os.path.join(base or LAB_BASE, self.uniq)
-        self.re_lan_ip = re_lan_ip
-        self.owned = owned
+        self.re_lan_ip, self.owned = re_lan_ip, owned
         self.cap = Router(self, "cap", cap_uci, cap_answers)
         self.re = Router(self, "re", re_uci, re_answers)
         self.routers = (self.cap, self.re)
-
-    def __enter__(self):
-        return self.up()
-
-    def __exit__(self, *exc):
-        self.down()
 
     def up(self):
         os.makedirs(self.dir)
@@ -531,28 +452,19 @@ class Lab:
             raise
         return self
 
-    def _ip_batch(self, ns, lines):
-        subprocess.run(["ip", "-n", ns, "-batch", "-"], input="\n".join(lines) + "\n",
-                       check=True, timeout=10, capture_output=True, text=True)
-
     def _net(self):
-        for r in self.routers:
-            _run(["ip", "netns", "add", r.ns])
-        self._ip_batch(self.cap.ns, [
-            "link set lo up",
-            "link add br-lan type bridge stp_state 0 forward_delay 0",
-            f"link add eth0 type veth peer name eth4 netns {self.re.ns} address {RE_MAC.lower()}",
-            "link set eth0 master br-lan",
-            "link set eth0 up",
-            "link set br-lan up",
-            f"addr add {FACTORY_IP}/24 brd + dev br-lan"])
-        re_lines = ["link set lo up",
-                    "link add br-lan type bridge stp_state 0 forward_delay 0",
-                    "link set br-lan up",
-                    "link set eth4 up"]
-        if self.re_lan_ip:
-            re_lines.append(f"addr add {self.re_lan_ip}/24 brd + dev br-lan")
-        self._ip_batch(self.re.ns, re_lines)
+        cap, re_ = self.cap.ns, self.re.ns
+        for ns in (cap, re_):
+            _run(["ip", "netns", "add", ns])
+        bridge = ["link set lo up", "link add br-lan type bridge stp_state 0 forward_delay 0",
+                  "link set br-lan up"]
+        batches = {cap: bridge + [f"link add eth0 type veth peer name eth4 netns {re_} "
+                                  f"address {RE_MAC.lower()}", "link set eth0 master br-lan",
+                                  "link set eth0 up", f"addr add {FACTORY_IP}/24 brd + dev br-lan"],
+                   re_: bridge + ["link set eth4 up"]
+                   + ([f"addr add {self.re_lan_ip}/24 brd + dev br-lan"] if self.re_lan_ip else [])}
+        for ns, lines in batches.items():
+            _run(["ip", "-n", ns, "-batch", "-"], input="\n".join(lines) + "\n")
 
     def static_uplink(self, ip=RE_STATIC_IP, gw=FACTORY_IP):
         """Gives the RE's eth4 a fixed address and writes its gateway file."""
@@ -560,17 +472,18 @@ class Lab:
         self.re.write("/tmp/cab_plaitd_gw_ip", f"{gw}\n{ip}\n")
 
     def dhcp_uplink(self, timeout=15):
-        """udhcpd on the CAP's br-lan, udhcpc on the RE's eth4; returns once the
-        RE's hook has written the gateway file. Returns (udhcpd, udhcpc)."""
+        """udhcpd on the CAP's br-lan, busybox udhcpc on the RE's eth4 with the
+        router's default.script and the package's hook; returns (udhcpd,
+        udhcpc) once the hook has written the gateway file."""
         self.cap.write("/etc/udhcpd.conf", "\n".join([
             "interface br-lan", "start 192.168.77.100", "end 192.168.77.150",
             "lease_file /tmp/udhcpd.leases", "pidfile /var/run/udhcpd.pid",
             "option subnet 255.255.255.0", f"option router {FACTORY_IP}", "option lease 3600", ""]))
         self.cap.write("/tmp/udhcpd.leases", "")
         srv = self.cap.spawn(["udhcpd", "-f", "/etc/udhcpd.conf"])
-        clt = self.re.spawn(["udhcpc", "-f", "-i", "eth4", "-s", "/lab/udhcpc.script",
+        clt = self.re.spawn(["udhcpc", "-f", "-i", "eth4", "-s", "/usr/share/udhcpc/default.script",
                              "-t", "30", "-T", "1", "-A", "1"])
-        gw = lambda: len((self.re.read("/tmp/cab_plaitd_gw_ip") or "").splitlines()) >= 2
+        gw = lambda: len((self.re.read("/tmp/cab_plaitd_gw_ip") or "").splitlines()) >= 2   # noqa: E731
         if not wait_until(gw, timeout):
             raise AssertionError("no DHCP lease: " + clt.err()[-1000:] + srv.err()[-1000:])
         return srv, clt
@@ -578,13 +491,14 @@ class Lab:
     def dd_request(self, payload, wait=1.5):
         """Broadcasts one discovery datagram from the RE's eth4 and returns the
         CAP answers heard within wait seconds, as bytes."""
-        r = self.re.netns_run(["/usr/bin/python3", os.path.join(HERE, "ddsend.py"), "eth4",
-                               payload.hex(), str(wait)], timeout=wait + 10)
-        return [bytes.fromhex(l) for l in r.stdout.split()]
+        args = json.dumps({"hex": payload.hex(), "wait": wait})
+        r = self.re.netns_run(["/usr/bin/python3", os.path.join(HERE, "hostile.py"), "ddsend", args],
+                              timeout=wait + 10)
+        return [bytes.fromhex(x) for x in json.loads(r.stdout.splitlines()[-1])["answers"]]
 
     def down(self):
         errors = []
-        for step in ([r.stop_all for r in self.routers] + [r.kill_init for r in self.routers]):
+        for step in [r.stop_all for r in self.routers] + [r.kill_init for r in self.routers]:
             try:
                 step()
             except Exception as e:   # keep tearing down
@@ -598,26 +512,25 @@ class Lab:
         if errors:
             raise errors[0]
 
-    # --- state for the scripts/lab CLI ---------------------------------------
-    def save(self):
-        state = {"uniq": self.uniq, "dir": self.dir,
-                 "routers": {r.name: {"ns": r.ns, "init_pid": r.init_pid,
-                                      "procs": {p.name: p.pid for p in r.procs}}
-                             for r in self.routers}}
+    def save(self, **extra):
+        """Writes lab.json for scripts/lab: init pids and the pids of extra procs."""
+        st = {"uniq": self.uniq, "init_pids": {r.name: r.init_pid for r in self.routers}, **extra}
         with open(os.path.join(self.dir, "lab.json"), "w") as f:
-            json.dump(state, f, indent=1)
+            json.dump(st, f, indent=1)
+        return st
 
     @classmethod
     def attach(cls, dir):
-        """Re-opens a lab brought up by another process (scripts/lab)."""
+        """Re-opens a lab brought up by another process (scripts/lab); (lab, state)."""
         with open(os.path.join(dir, "lab.json")) as f:
             st = json.load(f)
         lab = cls(uniq=st["uniq"], base=os.path.dirname(dir), owned=False)
         for r in lab.routers:
-            r.init_pid = st["routers"][r.name]["init_pid"]
-        return lab
+            r.init_pid = st["init_pids"][r.name]
+        return lab, st
 
 
+@atexit.register
 def _down_all():
     for lab in list(Lab._live):
         try:
@@ -626,22 +539,15 @@ def _down_all():
             pass
 
 
-atexit.register(_down_all)
-
-
 def cleanup_stale(base=None):
     """Removes namespaces, processes and directories of labs whose owning
     process (the PID in "lab-<pid>-<hex>") is gone. Returns the names removed."""
     base = base or LAB_BASE
     pat = re.compile(r"^(lab-(\d+)-[0-9a-f]{4})(?:-(cap|re))?$")
-    dead = set()
     nss = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout
     names = [l.split()[0] for l in nss.splitlines() if l.strip()]
-    dirs = [d for d in os.listdir(base) if pat.match(d)]
-    for n in names + dirs:
-        m = pat.match(n)
-        if m and not _alive(int(m.group(2))):
-            dead.add(m.group(1))
+    dead = {m.group(1) for m in map(pat.match, names + os.listdir(base))
+            if m and not _alive(int(m.group(2)))}
     for uniq in dead:
         d = os.path.join(base, uniq)
         for pid in filter(str.isdigit, os.listdir("/proc")):
