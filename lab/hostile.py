@@ -49,10 +49,11 @@ def _wait_closed(sock, timeout):
 
 def _hold(path, max_s):
     """Sleeps until path exists (the test's release signal) or max_s pass."""
+    released = lambda: path is not None and os.path.exists(path)   # noqa: E731
     end = time.monotonic() + max_s
-    while time.monotonic() < end and not (path and os.path.exists(path)):
+    while time.monotonic() < end and not released():
         time.sleep(0.02)
-    return path is not None and os.path.exists(path)
+    return released()
 
 
 def _rst(sock):
@@ -136,13 +137,10 @@ def cmd_plans(a):
 
 
 def cmd_cycles(a):
-    """n connect/close cycles, stopping after max_s seconds. A cycle waits up
-    to wait_ms for the CAP to hang up (its answer to a second peer) before it
-    closes, so the client keeps the CAP's pace instead of overrunning its
-    accept backlog; every eager_every-th cycle closes at once, every
-    rst_every-th close is a reset. Each cycle binds its own source port: the
-    CAP closes first and keeps the TIME_WAIT, and a re-used port would meet
-    it and wait out a SYN retransmission (1 s)."""
+    """n connect/close cycles within max_s seconds. A cycle waits up to wait_ms
+    for the CAP to hang up (its answer to a second peer), so it keeps the
+    CAP's pace; every eager_every-th closes at once, every rst_every-th with a
+    reset. Each binds its own source port: the CAP keeps the TIME_WAIT."""
     n, max_s = a["n"], a.get("max_s", 30)
     rst_every, eager_every = a.get("rst_every", 2), a.get("eager_every", 10)
     c = dict.fromkeys(("ok", "failed", "resets", "refused", "eager", "stalls"), 0)

@@ -5,7 +5,7 @@ router's network namespace:
     python3 peer.py re  '<json steps>' ['<json opts>']  # connect to a CAP
     python3 peer.py cap '<json steps>' ['<json opts>']  # accept one RE
 
-Each step is [action, {args}] (see STEPS); the result of every step and of
+Each step is [action, {args}] (see step()); the result of every step and of
 the TCP and TLS set-up is printed as one JSON line. Options: re: host,
 no_tls, tls ("1.1": TLS 1.1 only), ciphers (TLS 1.2 list); cap: bind, cert,
 key, accept_timeout.
@@ -104,66 +104,44 @@ def client_context(tls=None, ciphers=None):
     return ctx
 
 
-def step_auth_req(sock, role, a):
-    """Credentials made with key "re" or "cap" (default: the peer's own, i.e.
-    honest); extra_char spoils the password by one character."""
-    ident = a.get("id", os.urandom(7).hex())
-    pw = password(ident, a.get("key", role) == "cap") + ("A" if a.get("extra_char") else "")
-    sock.sendall(frame(MSG_AUTH_REQ, AUTH.pack(ident.encode(), pw.encode(), a.get("mac", "").encode())))
-    return {"sent": "auth_req"}
-
-
-def step_reply(sock, role, a):
-    body = struct.pack("b31s", a.get("code", 1), a.get("text", "").encode()[:31])
-    sock.sendall(frame(MSG_SYNC_REPLY if a.get("sync") else MSG_AUTH_REPLY, body))
-    return {"sent": "reply"}
-
-
-def step_raw(sock, role, a):
-    sock.sendall(frame(a["type"], bytes.fromhex(a.get("body_hex", "")), a.get("version", VERSION),
-                       a.get("body_len")))
-    return {"sent": "raw"}
-
-
-def step_bytes(sock, role, a):
-    sock.sendall(bytes.fromhex(a["hex"]))
-    return {"sent": "bytes"}
-
-
-def step_sync_req(sock, role, a):
-    sock.sendall(frame(MSG_SYNC_REQ, wifi_config(**a.get("config", {})) + a.get("ext", "").encode() + b"\0"))
-    return {"sent": "sync_req"}
-
-
-def step_recv(sock, role, a):
-    sock.settimeout(a.get("timeout", 10))
-    try:
-        return recv_frame(sock)
-    except (EOFError, OSError) as e:   # ssl.SSLError and ConnectionError are OSErrors
-        return {"closed": True, "error": str(e)}
-
-
-def step_expect_closed(sock, role, a):
-    sock.settimeout(a.get("timeout", 10))
-    start = time.monotonic()
-    after = lambda: round(time.monotonic() - start, 2)   # noqa: E731
-    try:
-        data = sock.recv(4096)
-        return {"closed": not data, "after": after(), "data": data[:64].hex()}
-    except (socket.timeout, TimeoutError):
-        return {"closed": False, "after": after()}
-    except OSError as e:
-        return {"closed": True, "after": after(), "error": str(e)}
-
-
-def step_sleep(sock, role, a):
-    time.sleep(a.get("s", 1))
-    return {"slept": a.get("s", 1)}
-
-
-STEPS = {"auth_req": step_auth_req, "reply": step_reply, "raw": step_raw, "bytes": step_bytes,
-         "sync_req": step_sync_req, "recv": step_recv, "expect_closed": step_expect_closed,
-         "sleep": step_sleep}
+def step(sock, role, action, a):
+    """One step; returns what it saw. auth_req: credentials made with key "re"
+    or "cap" (default: the peer's own, i.e. honest), extra_char spoils the
+    password by one character; reply/raw/bytes/sync_req send; recv reads one
+    frame; expect_closed waits for the other end to close; sleep."""
+    if action == "auth_req":
+        ident = a.get("id", os.urandom(7).hex())
+        pw = password(ident, a.get("key", role) == "cap") + ("A" if a.get("extra_char") else "")
+        sock.sendall(frame(MSG_AUTH_REQ, AUTH.pack(ident.encode(), pw.encode(), a.get("mac", "").encode())))
+    elif action == "reply":
+        body = struct.pack("b31s", a.get("code", 1), a.get("text", "").encode()[:31])
+        sock.sendall(frame(MSG_SYNC_REPLY if a.get("sync") else MSG_AUTH_REPLY, body))
+    elif action == "raw":
+        sock.sendall(frame(a["type"], bytes.fromhex(a.get("body_hex", "")), a.get("version", VERSION),
+                           a.get("body_len")))
+    elif action == "bytes":
+        sock.sendall(bytes.fromhex(a["hex"]))
+    elif action == "sync_req":
+        sock.sendall(frame(MSG_SYNC_REQ, wifi_config(**a.get("config", {})) + a.get("ext", "").encode() + b"\0"))
+    elif action == "sleep":
+        time.sleep(a.get("s", 1))
+        return {"slept": a.get("s", 1)}
+    elif action in ("recv", "expect_closed"):
+        sock.settimeout(a.get("timeout", 10))
+        start = time.monotonic()
+        after = lambda: round(time.monotonic() - start, 2)   # noqa: E731
+        try:
+            if action == "recv":
+                return recv_frame(sock)
+            data = sock.recv(4096)
+            return {"closed": not data, "after": after(), "data": data[:64].hex()}
+        except (socket.timeout, TimeoutError) as e:
+            return {"closed": action == "recv", "after": after(), "error": str(e)}
+        except (EOFError, OSError) as e:   # ssl.SSLError and ConnectionError are OSErrors
+            return {"closed": True, "after": after(), "error": str(e)}
+    else:
+        raise ValueError("unknown step " + action)
+    return {"sent": action}
 
 
 def emit(obj):
@@ -172,7 +150,7 @@ def emit(obj):
 
 def run_steps(sock, role, steps):
     for action, args in steps:
-        emit({"step": action, **STEPS[action](sock, role, args or {})})
+        emit({"step": action, **step(sock, role, action, args or {})})
 
 
 def run_re(opts, steps):

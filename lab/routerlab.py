@@ -52,19 +52,16 @@ LINKS = (("lib", "usr/lib"), ("lib64", "usr/lib64"), ("var/run", "../run"),
 HOLDER_SETUP = r"""
 set -e
 R=$1
-mount --bind -o ro /usr/lib "$R/usr/lib"
-mount --bind -o ro /usr/lib64 "$R/usr/lib64"
+for d in usr/lib usr/lib64; do mount --bind -o ro /$d "$R/$d"; done
 if [ -d "$R/usr/libexec/valgrind" ]; then mount --bind -o ro /usr/libexec/valgrind "$R/usr/libexec/valgrind"; fi
 for d in null zero full random urandom; do mount --bind /dev/$d "$R/dev/$d"; done
 mount -t proc proc "$R/.kproc"
 mount -t sysfs sysfs "$R/sys" 2>/dev/null || true
 mount --rbind "$R" "$R/.pview"
 mount -t proc proc "$R/.pview/proc"
-echo 1 > /proc/sys/net/ipv6/conf/all/disable_ipv6
-echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6
+for k in all default; do echo 1 > /proc/sys/net/ipv6/conf/$k/disable_ipv6; done
 # A port-less br-lan keeps its route; without this it would shadow eth4's.
 echo 1 > /proc/sys/net/ipv4/conf/all/ignore_routes_with_linkdown
-touch "$R/.lab-up"
 exec chroot "$R" /bin/sh -c 'while :; do sleep 3600 & wait; done'
 """
 
@@ -106,14 +103,13 @@ def _children(pid):
         return []
 
 
+def _text(path):
+    with open(path, "rb") as f:
+        return f.read().decode("utf-8", "replace")
+
+
 def _alive(pid):
-    try:
-        os.kill(pid, 0)
-    except ProcessLookupError:
-        return False
-    except PermissionError:
-        pass
-    return True
+    return os.path.exists(f"/proc/{pid}")
 
 
 def wait_until(pred, timeout, step=0.05):
@@ -122,11 +118,6 @@ def wait_until(pred, timeout, step=0.05):
     while not (v := pred()) and time.monotonic() < end:
         time.sleep(step)
     return v
-
-
-@functools.lru_cache(None)
-def _busybox_applets():
-    return _run([BUSYBOX, "--list"]).stdout.split()
 
 
 @functools.lru_cache(None)
@@ -152,12 +143,10 @@ class Proc:
         self.out_path, self.err_path = out, err
 
     def out(self):
-        with open(self.out_path, "rb") as f:
-            return f.read().decode("utf-8", "replace")
+        return _text(self.out_path)
 
     def err(self):
-        with open(self.err_path, "rb") as f:
-            return f.read().decode("utf-8", "replace")
+        return _text(self.err_path)
 
     log = err   # plaitd -o logs to stderr
 
@@ -195,11 +184,10 @@ class Proc:
     def wait_log(self, text, timeout, count=1, stream="err"):
         """Waits until text occurs count times in the log (stream "out": the
         status records); raises with the tail if it does not in time."""
-        if wait_until(lambda: self.count(text, stream) >= count, timeout):
-            return
-        tail = (self.err() if stream == "err" else self.out())[-3000:]
-        raise AssertionError(f"{self.router.name}/{self.name}: {text!r} x{count} not seen "
-                             f"within {timeout}s (running={self.running()}); tail:\n{tail}")
+        if not wait_until(lambda: self.count(text, stream) >= count, timeout):
+            tail = (self.err() if stream == "err" else self.out())[-3000:]
+            raise AssertionError(f"{self.router.name}/{self.name}: {text!r} x{count} not seen "
+                                 f"within {timeout}s (running={self.running()}); tail:\n{tail}")
 
 
 class NetnsJob:
@@ -238,7 +226,7 @@ class Router:
         self.lab, self.name = lab, name
         self.ns = f"{lab.uniq}-{name}"
         self.dir = os.path.join(lab.dir, name)
-        self.root = os.path.join(self.dir, "root")
+        self.root = os.path.realpath(os.path.join(self.dir, "root"))
         self.init_pid = self.holder = None
         self.procs = []
         self.uci = seed_uci(name)
@@ -256,13 +244,10 @@ class Router:
         """Host path of the router's absolute path p."""
         return os.path.join(self.root, p.lstrip("/"))
 
-    def write(self, p, text, mode=None):
-        hp = self.path(p)
-        os.makedirs(os.path.dirname(hp), exist_ok=True)
-        with open(hp, "w") as f:
+    def write(self, p, text):
+        os.makedirs(os.path.dirname(self.path(p)), exist_ok=True)
+        with open(self.path(p), "w") as f:
             f.write(text)
-        if mode is not None:
-            os.chmod(hp, mode)
 
     def read(self, p, default=None):
         try:
@@ -313,15 +298,15 @@ class Router:
         for d in DEVS:
             open(self.path("/dev/" + d), "w").close()
         shutil.copy2(BUSYBOX, self.path("/bin/busybox"))
-        for a in _busybox_applets():
+        for a in _run([BUSYBOX, "--list"]).stdout.split():
             if a != "busybox":
                 os.symlink("/lab/withproc" if a in PROC_TOOLS else "busybox", self.path("/bin/" + a))
         for f, dest in (("standin", "/lab/standin"), ("withproc", "/lab/withproc"),
                         ("uci", "/sbin/uci"), ("uci.awk", "/lab/uci.awk"),
                         ("default.script", "/usr/share/udhcpc/default.script")):
             shutil.copy2(os.path.join(ROOTFS, f), self.path(dest))
-        # The package's own DHCP hook, as the plaitd package installs it.
-        shutil.copy2(UDHCPC_HOOK, self.path("/etc/udhcpc.user.d/plaitd"))
+        if self.name == "re":   # the package's own DHCP hook, as the package installs it
+            shutil.copy2(UDHCPC_HOOK, self.path("/etc/udhcpc.user.d/plaitd"))
         for tool, d in STANDINS.items():
             os.symlink("/lab/standin", self.path(f"{d}/{tool}"))
         for tool in self.answers:
@@ -353,23 +338,28 @@ class Router:
                 start_new_session=True)
 
     def wait_holder(self, timeout=10):
-        up = lambda: os.path.exists(self.path("/.lab-up"))   # noqa: E731
-        wait_until(lambda: up() or self.holder.poll() is not None, timeout)
-        kids = wait_until(lambda: _children(self.holder.pid), 2) if up() else []
-        if not kids:
+        """Waits until the router's init has chrooted into the root (before
+        that, nsenter -r would give a program the host's root)."""
+        def init():
+            kids = _children(self.holder.pid)
+            try:
+                return kids[0] if kids and os.readlink(f"/proc/{kids[0]}/root") == self.root else None
+            except OSError:
+                return None
+        wait_until(lambda: init() or self.holder.poll() is not None, timeout)
+        self.init_pid = init()
+        if not self.init_pid:
             with open(os.path.join(self.dir, "holder.err")) as f:
                 raise RuntimeError(f"router {self.name} did not come up: " + f.read())
-        self.init_pid = kids[0]
 
     def enter(self):
         """argv prefix that runs a program inside the router."""
         return [NSENTER, "-t", str(self.init_pid), "-m", "-n", "-p", "-r", "-w", "--"]
 
-    def sh(self, cmd, timeout=10, check=True, input=None):
+    def sh(self, cmd, timeout=10, check=True):
         """Runs a busybox sh command line in the router; returns CompletedProcess."""
-        r = subprocess.run(self.enter() + ["/bin/sh", "-c", cmd], env=ROUTER_ENV,
-                           input=input, capture_output=True, text=True, timeout=timeout,
-                           stdin=None if input is not None else subprocess.DEVNULL)
+        r = subprocess.run(self.enter() + ["/bin/sh", "-c", cmd], env=ROUTER_ENV, capture_output=True,
+                           text=True, timeout=timeout, stdin=subprocess.DEVNULL)
         if check and r.returncode != 0:
             raise AssertionError(f"{self.name}: {cmd!r} -> {r.returncode}\n{r.stdout}{r.stderr}")
         return r
@@ -511,23 +501,6 @@ class Lab:
         Lab._live.discard(self)
         if errors:
             raise errors[0]
-
-    def save(self, **extra):
-        """Writes lab.json for scripts/lab: init pids and the pids of extra procs."""
-        st = {"uniq": self.uniq, "init_pids": {r.name: r.init_pid for r in self.routers}, **extra}
-        with open(os.path.join(self.dir, "lab.json"), "w") as f:
-            json.dump(st, f, indent=1)
-        return st
-
-    @classmethod
-    def attach(cls, dir):
-        """Re-opens a lab brought up by another process (scripts/lab); (lab, state)."""
-        with open(os.path.join(dir, "lab.json")) as f:
-            st = json.load(f)
-        lab = cls(uniq=st["uniq"], base=os.path.dirname(dir), owned=False)
-        for r in lab.routers:
-            r.init_pid = st["init_pids"][r.name]
-        return lab, st
 
 
 @atexit.register
