@@ -1,16 +1,10 @@
 #!/usr/bin/python3
-"""Traffic against a CAP from the RE's network namespace (the host's python3
-through nsenter --net):
-
-    python3 hostile.py plans    '<json>'   # connections that misbehave, one after another
-    python3 hostile.py cycles   '<json>'   # rapid connect/close
-    python3 hostile.py halfopen '<json>'   # connections that never send
-    python3 hostile.py ddflood  '<json>'   # discovery datagrams, valid and not
-    python3 hostile.py ddsend   '<json>'   # one datagram; the CAP answers heard
-
-Each prints JSON lines ({"step": ...}), the last {"step": "done", ...} with
-the figures, or {"step": "error", ...}. Every loop is bounded in count and time.
-"""
+"""Traffic against a CAP, run in the RE's network namespace:
+python3 hostile.py plans|cycles|halfopen|ddflood|ddsend '<json args>' (see
+the cmd_ functions). Prints JSON lines ({"step": ...}), the last {"step":
+"done", ...} with the figures, or {"step": "error", ...}. Every loop is
+bounded in count and time."""
+import contextlib
 import json
 import os
 import select
@@ -21,13 +15,10 @@ import sys
 import time
 
 import peer   # frame(), client_context(), PORT
+from peer import emit
 
 CAP_IP = "192.168.77.1"
 REQ = b"KORVANE_RE_DDv1.0"
-
-
-def emit(obj):
-    print(json.dumps(obj), flush=True)
 
 
 def _wait_closed(sock, timeout):
@@ -63,11 +54,8 @@ def _rst(sock):
 def client_hello():
     """The bytes of a real TLS ClientHello, made without a peer."""
     out = ssl.MemoryBIO()
-    obj = peer.client_context().wrap_bio(ssl.MemoryBIO(), out)
-    try:
-        obj.do_handshake()
-    except ssl.SSLWantReadError:
-        pass
+    with contextlib.suppress(ssl.SSLWantReadError):
+        peer.client_context().wrap_bio(ssl.MemoryBIO(), out).do_handshake()
     return out.read()
 
 
@@ -121,14 +109,13 @@ def run_plan(steps, host):
         res.append({"op": "fault", "error": str(e)})
     finally:
         for s in (conn, raw):
-            try:
+            with contextlib.suppress(OSError):
                 s.close()
-            except OSError:
-                pass
     return res
 
 
 def cmd_plans(a):
+    """Connections that misbehave, one after another (see run_plan)."""
     out = []
     for name, steps in a["plans"]:
         out.append([name, run_plan(steps, a.get("host", CAP_IP))])
@@ -241,6 +228,7 @@ class Wire:
 
 
 def cmd_ddsend(a):
+    """One datagram; the CAP answers heard within wait seconds."""
     w = Wire(a.get("ifname", "eth4"))
     w.send(bytes.fromhex(a["hex"]))
     emit({"step": "done", "answers": [x.hex() for x in w.answers(a.get("wait", 1.5))]})

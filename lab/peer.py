@@ -1,15 +1,10 @@
-"""A scriptable pairing peer, written from the wire protocol: it speaks the
-plaitd frame protocol over TLS as either side, honestly or not. Run it in a
-router's network namespace:
-
-    python3 peer.py re  '<json steps>' ['<json opts>']  # connect to a CAP
-    python3 peer.py cap '<json steps>' ['<json opts>']  # accept one RE
-
-Each step is [action, {args}] (see step()); the result of every step and of
-the TCP and TLS set-up is printed as one JSON line. Options: re: host,
+"""A scriptable pairing peer, written from the wire protocol: speaks the
+plaitd frames over TLS as either side, honestly or not. In a router's netns:
+python3 peer.py re|cap '<json steps>' ['<json opts>'] (re connects to a CAP,
+cap accepts one RE). A step is [action, {args}] (see step()); each step's
+result and the TCP/TLS set-up are printed as JSON lines. Options: re: host,
 no_tls, tls ("1.1": TLS 1.1 only), ciphers (TLS 1.2 list); cap: bind, cert,
-key, accept_timeout.
-"""
+key, accept_timeout."""
 import base64
 import hashlib
 import hmac
@@ -27,6 +22,7 @@ MSG_AUTH_REQ, MSG_AUTH_REPLY, MSG_SYNC_REQ, MSG_SYNC_REPLY = 4, 5, 6, 7
 HDR = struct.Struct(">HHH19s19s")
 AUTH = struct.Struct("16s128s19s")
 KEY = "5f0c2a9e71b4d3866a0e9c1f24b7d058"
+CERT, PRIVKEY = "/tmp/mq/cc/veltrasso_ct", "/tmp/mq/cc/veltrasso_ky"
 WIFI_CONFIG_SIZE = 1051
 WIFI_LAYOUT = (("type", 0, 1), ("bsd", 1, 1), ("ssid_2g", 2, 33), ("key_2g", 35, 65),
                ("enc_2g", 100, 16), ("ssid_5g", 116, 33), ("key_5g", 149, 65), ("enc_5g", 214, 16),
@@ -122,7 +118,8 @@ def step(sock, role, action, a):
     elif action == "bytes":
         sock.sendall(bytes.fromhex(a["hex"]))
     elif action == "sync_req":
-        sock.sendall(frame(MSG_SYNC_REQ, wifi_config(**a.get("config", {})) + a.get("ext", "").encode() + b"\0"))
+        rec = wifi_config(**a.get("config", {}))
+        sock.sendall(frame(MSG_SYNC_REQ, rec + a.get("ext", "").encode() + b"\0"))
     elif action == "sleep":
         time.sleep(a.get("s", 1))
         return {"slept": a.get("s", 1)}
@@ -153,38 +150,34 @@ def run_steps(sock, role, steps):
         emit({"step": action, **step(sock, role, action, args or {})})
 
 
-def run_re(opts, steps):
-    raw = socket.create_connection((opts.get("host", "192.168.77.1"), PORT), timeout=10)
-    emit({"step": "tcp", "ok": True})
-    if opts.get("no_tls"):
-        return run_steps(raw, "re", steps)
+def run(role, opts, steps):
+    if role == "re":
+        sock = socket.create_connection((opts.get("host", "192.168.77.1"), PORT), timeout=10)
+        emit({"step": "tcp", "ok": True})
+        if opts.get("no_tls"):
+            return run_steps(sock, role, steps)
+        ctx, name, info = client_context(opts.get("tls"), opts.get("ciphers")), "tls", {}
+    else:
+        ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        ctx.load_cert_chain(opts.get("cert", CERT), opts.get("key", PRIVKEY))
+        srv = socket.create_server((opts.get("bind", "0.0.0.0"), PORT))
+        srv.settimeout(opts.get("accept_timeout", 60))
+        emit({"step": "listen", "ok": True})
+        sock, addr = srv.accept()
+        sock.settimeout(30)
+        name, info = "accepted", {"from": addr[0]}
     try:
-        tls = client_context(opts.get("tls"), opts.get("ciphers")).wrap_socket(raw)
+        tls = ctx.wrap_socket(sock, server_side=role == "cap")
     except OSError as e:
-        return emit({"step": "tls", "ok": False, "error": str(e)})
-    emit({"step": "tls", "ok": True, "version": tls.version(), "cipher": tls.cipher()[0]})
-    run_steps(tls, "re", steps)
-
-
-def run_cap(opts, steps):
-    ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    ctx.load_cert_chain(opts.get("cert", "/tmp/mq/cc/veltrasso_ct"), opts.get("key", "/tmp/mq/cc/veltrasso_ky"))
-    srv = socket.create_server((opts.get("bind", "0.0.0.0"), PORT))
-    srv.settimeout(opts.get("accept_timeout", 60))
-    emit({"step": "listen", "ok": True})
-    conn, addr = srv.accept()
-    conn.settimeout(30)
-    try:
-        tls = ctx.wrap_socket(conn, server_side=True)
-    except OSError as e:
-        return emit({"step": "accepted", "from": addr[0], "ok": False, "error": str(e)})
-    emit({"step": "accepted", "from": addr[0], "ok": True})
-    run_steps(tls, "cap", steps)
+        return emit({"step": name, **info, "ok": False, "error": str(e)})
+    if role == "re":
+        info = {"version": tls.version(), "cipher": tls.cipher()[0]}
+    emit({"step": name, **info, "ok": True})
+    run_steps(tls, role, steps)
 
 
 if __name__ == "__main__":
     try:
-        (run_re if sys.argv[1] == "re" else run_cap)(json.loads(sys.argv[3]) if len(sys.argv) > 3 else {},
-                                                     json.loads(sys.argv[2]))
+        run(sys.argv[1], json.loads(sys.argv[3]) if len(sys.argv) > 3 else {}, json.loads(sys.argv[2]))
     except Exception as e:  # report, the test decides
         emit({"step": "error", "error": "%s: %s" % (type(e).__name__, e)})

@@ -1,14 +1,10 @@
-"""Two-router lab: the real plaitd in two simulated routers on one host.
-
-A router ("cap" or "re") is a network namespace "<lab>-<name>" (br-lan and
-the cable end: CAP eth0 in br-lan, RE eth4 plus a port-less br-lan) and a
-PID + mount namespace whose init is chrooted into <lab dir>/<name>/root, a
-plain host directory (Router.path()). Its mounts live only in that mount
-namespace; killing its init ends every process of the router. Userland is
-busybox, uci is emulated over /etc/config, platform commands are stand-ins
-that record each call in /tmp/lab-calls.log. See README.md.
-"""
+"""Two-router lab: the real plaitd in two simulated routers on one host. A
+router is a network namespace "<lab>-<cap|re>" and a PID + mount namespace
+whose init is chrooted into <lab dir>/<name>/root, a host directory
+(Router.path()); killing the init ends the router. Busybox userland, a uci
+emulator, platform stand-ins that record each call (README.md)."""
 import atexit
+import contextlib
 import functools
 import json
 import os
@@ -18,7 +14,6 @@ import shlex
 import shutil
 import signal
 import subprocess
-import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -37,7 +32,7 @@ VALGRIND_LIBEXEC = "/usr/libexec/valgrind"
 PROC_PIDS = 4096   # /proc/<pid> links for the router's own pids (LeakSanitizer reads them)
 STANDINS = {"boardkv": "/usr/sbin", "macinfo": "/usr/sbin", "vsled": "/usr/sbin",
             "mesh_tool": "/usr/sbin", "mesh_setup.sh": "/usr/sbin", "linkprobe": "/sbin",
-            "lua": "/usr/bin"}
+            "lua": "/usr/bin", "uci": "/sbin"}
 PROC_TOOLS = ("killall", "pidof", "ps", "top")   # see rootfs/withproc
 DEVS = ("null", "zero", "full", "random", "urandom")
 DIRS = ("bin", "sbin", "usr/bin", "usr/sbin", "usr/lib", "usr/lib64", "usr/share/udhcpc",
@@ -53,7 +48,8 @@ HOLDER_SETUP = r"""
 set -e
 R=$1
 for d in usr/lib usr/lib64; do mount --bind -o ro /$d "$R/$d"; done
-if [ -d "$R/usr/libexec/valgrind" ]; then mount --bind -o ro /usr/libexec/valgrind "$R/usr/libexec/valgrind"; fi
+V=usr/libexec/valgrind   # only routers built for valgrind have it
+if [ -d "$R/$V" ]; then mount --bind -o ro /$V "$R/$V"; fi
 for d in null zero full random urandom; do mount --bind /dev/$d "$R/dev/$d"; done
 mount -t proc proc "$R/.kproc"
 mount -t sysfs sysfs "$R/sys" 2>/dev/null || true
@@ -67,8 +63,7 @@ exec chroot "$R" /bin/sh -c 'while :; do sleep 3600 & wait; done'
 
 
 def seed_uci(role):
-    """uci configuration of a CAP or an RE from uci.seed: "pkg.sec" -> section
-    type, "pkg.sec.opt" -> value (insertion order is file order)."""
+    """uci.seed for a role: "pkg.sec" -> section type, "pkg.sec.opt" -> value."""
     cap = role == "cap"
     sub = {"TAG": role.upper(), "t": role, "m": "10" if cap else "20", "INITTED": "YES" if cap else "NO"}
     with open(os.path.join(HERE, "uci.seed")) as f:
@@ -85,22 +80,15 @@ def default_answers(role):
             "linkprobe": {"link": ("wan up\nlan up\n", 0)}}
 
 
-def _q(v):
-    """v in single quotes, as uci writes and shows values."""
-    return "'" + v.replace("'", "'\\''") + "'"
-
-
 def _run(argv, timeout=10, **kw):
     kw.setdefault("stdin", None if "input" in kw else subprocess.DEVNULL)
     return subprocess.run(argv, check=True, timeout=timeout, capture_output=True, text=True, **kw)
 
 
 def _children(pid):
-    try:
-        with open(f"/proc/{pid}/task/{pid}/children") as f:
-            return [int(x) for x in f.read().split()]
-    except OSError:
-        return []
+    with contextlib.suppress(OSError), open(f"/proc/{pid}/task/{pid}/children") as f:
+        return [int(x) for x in f.read().split()]
+    return []
 
 
 def _text(path):
@@ -122,8 +110,10 @@ def wait_until(pred, timeout, step=0.05):
 
 @functools.lru_cache(None)
 def _tls_material():
-    """A CA (mq_a1) and a router certificate signed by it, made once per process."""
-    d = tempfile.mkdtemp(prefix=f"lab-tls-{os.getpid()}-", dir=LAB_BASE)
+    """A CA (mq_a1) and a router certificate signed by it, made once per process
+    (cleanup_stale() removes them once the process is gone)."""
+    d = os.path.join(LAB_BASE, f"lab-{os.getpid()}-tls")
+    os.makedirs(d, exist_ok=True)
     atexit.register(shutil.rmtree, d, True)
     key = ["-newkey", "rsa:2048", "-nodes", "-keyout"]
     _run(["openssl", "req", "-x509"] + key + ["ca.key", "-out", "ca.crt", "-days", "3650",
@@ -162,10 +152,8 @@ class Proc:
 
     def signal(self, sig):
         if self.pid and self.running():
-            try:
+            with contextlib.suppress(ProcessLookupError):
                 os.kill(self.pid, sig)
-            except ProcessLookupError:
-                pass
 
     def stop(self, timeout=5.0):
         """SIGTERM, then SIGKILL after timeout; returns the exit status."""
@@ -250,11 +238,9 @@ class Router:
             f.write(text)
 
     def read(self, p, default=None):
-        try:
-            with open(self.path(p)) as f:
-                return f.read()
-        except FileNotFoundError:
-            return default
+        with contextlib.suppress(FileNotFoundError), open(self.path(p)) as f:
+            return f.read()
+        return default
 
     def calls(self, tool=None):
         """Recorded stand-in calls, e.g. "boardkv 'get' 'SN'"; only tool's if given."""
@@ -271,8 +257,8 @@ class Router:
         for pkg, secs in pkgs.items():
             lines = []
             for sname, opts in secs.items():
-                lines.append(f"\nconfig {opts[''] or 'section'} {_q(sname)}")
-                lines += [f"\toption {o} {_q(str(v))}" for o, v in opts.items() if o]
+                lines.append(f"\nconfig {opts[''] or 'section'} {shlex.quote(sname)}")
+                lines += [f"\toption {o} {shlex.quote(str(v))}" for o, v in opts.items() if o]
             self.write(f"/etc/config/{pkg}", "\n".join(lines) + "\n")
             self.write(f"/tmp/.uci/{pkg}", "")
 
@@ -302,7 +288,7 @@ class Router:
             if a != "busybox":
                 os.symlink("/lab/withproc" if a in PROC_TOOLS else "busybox", self.path("/bin/" + a))
         for f, dest in (("standin", "/lab/standin"), ("withproc", "/lab/withproc"),
-                        ("uci", "/sbin/uci"), ("uci.awk", "/lab/uci.awk"),
+                        ("uci", "/lab/ans/uci"), ("uci.awk", "/lab/uci.awk"),
                         ("default.script", "/usr/share/udhcpc/default.script")):
             shutil.copy2(os.path.join(ROOTFS, f), self.path(dest))
         if self.name == "re":   # the package's own DHCP hook, as the package installs it
@@ -342,10 +328,8 @@ class Router:
         that, nsenter -r would give a program the host's root)."""
         def init():
             kids = _children(self.holder.pid)
-            try:
+            with contextlib.suppress(OSError):
                 return kids[0] if kids and os.readlink(f"/proc/{kids[0]}/root") == self.root else None
-            except OSError:
-                return None
         wait_until(lambda: init() or self.holder.poll() is not None, timeout)
         self.init_pid = init()
         if not self.init_pid:
@@ -506,17 +490,15 @@ class Lab:
 @atexit.register
 def _down_all():
     for lab in list(Lab._live):
-        try:
+        with contextlib.suppress(Exception):
             lab.down()
-        except Exception:
-            pass
 
 
 def cleanup_stale(base=None):
     """Removes namespaces, processes and directories of labs whose owning
     process (the PID in "lab-<pid>-<hex>") is gone. Returns the names removed."""
     base = base or LAB_BASE
-    pat = re.compile(r"^(lab-(\d+)-[0-9a-f]{4})(?:-(cap|re))?$")
+    pat = re.compile(r"^(lab-(\d+)-(?:[0-9a-f]{4}|tls))(?:-(cap|re))?$")
     nss = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout
     names = [l.split()[0] for l in nss.splitlines() if l.strip()]
     dead = {m.group(1) for m in map(pat.match, names + os.listdir(base))
@@ -524,17 +506,11 @@ def cleanup_stale(base=None):
     for uniq in dead:
         d = os.path.join(base, uniq)
         for pid in filter(str.isdigit, os.listdir("/proc")):
-            try:
+            with contextlib.suppress(OSError):
                 if os.readlink(f"/proc/{pid}/root").startswith(d + "/"):
                     os.kill(int(pid), signal.SIGKILL)
-            except OSError:
-                pass
         for n in names:
             if n.startswith(uniq + "-"):
                 subprocess.run(["ip", "netns", "del", n], capture_output=True, timeout=10)
         shutil.rmtree(d, ignore_errors=True)
-    for d in os.listdir(base):
-        m = re.match(r"^lab-tls-(\d+)-", d)
-        if m and not _alive(int(m.group(1))):
-            shutil.rmtree(os.path.join(base, d), ignore_errors=True)
     return sorted(dead)
