@@ -40,11 +40,10 @@ def _wait_closed(sock, timeout):
 
 def _hold(path, max_s):
     """Sleeps until path exists (the test's release signal) or max_s pass."""
-    released = lambda: path is not None and os.path.exists(path)   # noqa: E731
     end = time.monotonic() + max_s
-    while time.monotonic() < end and not released():
+    while time.monotonic() < end and not (path and os.path.exists(path)):
         time.sleep(0.02)
-    return released()
+    return bool(path and os.path.exists(path))
 
 
 def _rst(sock):

@@ -60,10 +60,6 @@ def wifi_config(**fields):
     return bytes(rec)
 
 
-def parse_wifi_config(rec):
-    return {n: rec[o] if s == 1 else text(rec[o:o + s]) for n, o, s in WIFI_LAYOUT if "maclist" not in n}
-
-
 def recv_exact(sock, n):
     data = b""
     while len(data) < n:
@@ -84,7 +80,8 @@ def recv_frame(sock):
         ident, pw, mac = map(text, AUTH.unpack(body[:AUTH.size]))
         out.update(id=ident, pw=pw, mac=mac, key=key_of(pw, ident))
     elif mtype == MSG_SYNC_REQ and len(body) >= WIFI_CONFIG_SIZE:
-        out.update(config=parse_wifi_config(body), ext=text(body[WIFI_CONFIG_SIZE:]))
+        cfg = {n: body[o] if s == 1 else text(body[o:o + s]) for n, o, s in WIFI_LAYOUT if "maclist" not in n}
+        out.update(config=cfg, ext=text(body[WIFI_CONFIG_SIZE:]))
     return out
 
 

@@ -1,8 +1,7 @@
-"""Two-router lab: the real plaitd in two simulated routers on one host. A
-router is a network namespace "<lab>-<cap|re>" and a PID + mount namespace
-whose init is chrooted into <lab dir>/<name>/root, a host directory
-(Router.path()); killing the init ends the router. Busybox userland, a uci
-emulator, platform stand-ins that record each call (README.md)."""
+"""Router lab: the real plaitd in simulated routers on one host, a CAP and one RE (or n on a
+switch). A router is a network namespace "<lab>-<name>" and a PID + mount namespace whose init is
+chrooted into <lab dir>/<name>/root, a host directory (Router.path()); killing the init ends the
+router. Busybox userland, a uci emulator, platform stand-ins that record each call (README.md)."""
 import atexit
 import contextlib
 import functools
@@ -24,7 +23,7 @@ LAB_BASE = os.environ.get("LAB_BASE", "/tmp")
 BUSYBOX = "/bin/busybox"
 NSENTER = shutil.which("nsenter") or "/usr/bin/nsenter"
 FACTORY_IP, RE_STATIC_IP = "192.168.77.1", "192.168.77.20"
-CAP_MAC, RE_MAC = "28:6C:07:10:00:01", "28:6C:07:20:00:01"
+RE_MAC = "28:6C:07:20:00:01"   # the first RE's uplink (Router.mac); the CAP's is 28:6C:07:10:00:01
 ROUTER_ENV = {"PATH": "/bin:/sbin:/usr/bin:/usr/sbin", "HOME": "/root", "TERM": "dumb"}
 CALLS = "/tmp/lab-calls.log"
 VALGRIND_BINS = ("/usr/bin/valgrind", "/usr/bin/valgrind.bin")   # Lab(valgrind=True)
@@ -38,10 +37,9 @@ DEVS = ("null", "zero", "full", "random", "urandom")
 DIRS = ("bin", "sbin", "usr/bin", "usr/sbin", "usr/lib", "usr/lib64", "usr/share/udhcpc",
         "usr/share/veltrasso/cc", "etc/config", "etc/udhcpc.user.d", "dev", "proc/veltrasso",
         ".kproc", ".pview", "sys", "tmp/mq/cc", "tmp/.uci", "run", "var", "root", "lab/ans")
-LINKS = (("lib", "usr/lib"), ("lib64", "usr/lib64"), ("var/run", "../run"),
-         ("proc/self", "/.kproc/self"), ("proc/net", "self/net"), ("proc/mounts", "self/mounts"),
-         ("dev/fd", "/proc/self/fd"), ("dev/stdin", "fd/0"), ("dev/stdout", "fd/1"),
-         ("dev/stderr", "fd/2"))
+LINKS = (("lib", "usr/lib"), ("lib64", "usr/lib64"), ("var/run", "../run"), ("proc/self", "/.kproc/self"),
+         ("proc/net", "self/net"), ("proc/mounts", "self/mounts"), ("dev/fd", "/proc/self/fd"),
+         ("dev/stdin", "fd/0"), ("dev/stdout", "fd/1"), ("dev/stderr", "fd/2"))
 
 # Init of the router's PID + mount namespace, run inside its netns.
 HOLDER_SETUP = r"""
@@ -56,25 +54,23 @@ mount -t sysfs sysfs "$R/sys" 2>/dev/null || true
 mount --rbind "$R" "$R/.pview"
 mount -t proc proc "$R/.pview/proc"
 for k in all default; do echo 1 > /proc/sys/net/ipv6/conf/$k/disable_ipv6; done
-# A port-less br-lan keeps its route; without this it would shadow eth4's.
-echo 1 > /proc/sys/net/ipv4/conf/all/ignore_routes_with_linkdown
+# A port-less br-lan keeps its route, which would shadow eth4's; ARP answers only for the asking
+# port's addresses, as on OpenWrt (else every RE on the factory address answers for the CAP).
+for k in ignore_routes_with_linkdown arp_ignore; do echo 1 > /proc/sys/net/ipv4/conf/all/$k; done
 exec chroot "$R" /bin/sh -c 'while :; do sleep 3600 & wait; done'
 """
 
 
-def seed_uci(role):
-    """uci.seed for a role: "pkg.sec" -> section type, "pkg.sec.opt" -> value."""
-    cap = role == "cap"
-    sub = {"TAG": role.upper(), "t": role, "m": "10" if cap else "20", "INITTED": "YES" if cap else "NO"}
+def seed_uci(role, m):
+    """uci.seed for a role, MAC byte m: "pkg.sec" -> section type, "pkg.sec.opt" -> value."""
+    sub = {"TAG": role.upper(), "t": role, "m": m, "INITTED": "YES" if role == "cap" else "NO"}
     with open(os.path.join(HERE, "uci.seed")) as f:
         return dict(l.rstrip("\n").format(**sub).split("=", 1) for l in f if not l.startswith("#"))
 
 
-def default_answers(role):
+def default_answers(role, mac, k):
     """Stand-in answers: tool -> {argument text ("$*"), None for any: (stdout, status)}."""
-    cap = role == "cap"
-    return {"boardkv": {"get SN": ("KV24A10001%s\n" % ("01" if cap else "02"), 0)},
-            "macinfo": {"wan": ((CAP_MAC if cap else RE_MAC) + "\n", 0)},
+    return {"boardkv": {"get SN": ("KV24A10001%02d\n" % (k + 1), 0)}, "macinfo": {"wan": (mac + "\n", 0)},
             "mesh_tool": {"initbuf": ('{"mesh":{"role":"%s","bh_band":"5g","ch_5g":36,"ch_2g":6}}\n'
                                       % role, 0), "backhaul get band": ("5g\n", 0)},
             "linkprobe": {"link": ("wan up\nlan up\n", 0)}}
@@ -210,21 +206,25 @@ class NetnsJob:
 
 
 class Router:
-    def __init__(self, lab, name, uci=None, answers=None):
-        self.lab, self.name = lab, name
+    """k: 0 for the CAP, 1..n for the REs "re", "re2", ...: own MACs (mac: the uplink's), serial, ip."""
+
+    def __init__(self, lab, name, uci=None, answers=None, k=0):
+        self.lab, self.name, self.k, self.role = lab, name, k, "re" if k else "cap"
+        m = "%02X" % (0x1F + k if k else 0x10)
+        self.mac, self.ip = f"28:6C:07:{m}:00:01", f"192.168.77.{19 + k}"
         self.ns = f"{lab.uniq}-{name}"
         self.dir = os.path.join(lab.dir, name)
         self.root = os.path.realpath(os.path.join(self.dir, "root"))
         self.init_pid = self.holder = None
         self.procs = []
-        self.uci = seed_uci(name)
+        self.uci = seed_uci(self.role, m.lower())
         for k, v in (uci or {}).items():
             if v is None:   # drops an option, or a section with its options
                 for key in [x for x in self.uci if x == k or x.startswith(k + ".")]:
                     del self.uci[key]
             else:
                 self.uci[k] = v
-        self.answers = default_answers(name)
+        self.answers = default_answers(self.role, self.mac, self.k)
         for tool, a in (answers or {}).items():
             self.answers.setdefault(tool, {}).update(a)
 
@@ -291,7 +291,7 @@ class Router:
                         ("uci", "/lab/ans/uci"), ("uci.awk", "/lab/uci.awk"),
                         ("default.script", "/usr/share/udhcpc/default.script")):
             shutil.copy2(os.path.join(ROOTFS, f), self.path(dest))
-        if self.name == "re":   # the package's own DHCP hook, as the package installs it
+        if self.k:   # the package's own DHCP hook, as the package installs it
             shutil.copy2(UDHCPC_HOOK, self.path("/etc/udhcpc.user.d/plaitd"))
         for tool, d in STANDINS.items():
             os.symlink("/lab/standin", self.path(f"{d}/{tool}"))
@@ -395,19 +395,21 @@ class Router:
 
 
 class Lab:
-    """Two routers joined by a cable. up() builds everything; down() removes
-    it (also run at exit for labs that are still up)."""
+    """A CAP and n REs (lab.res; lab.re is the first): one RE on a cable (CAP eth0 - RE eth4), n > 1
+    on a switch (bridge "sw" in netns "<lab>-sw", port p<k> per router). up() builds everything;
+    down() removes it (also run at exit for labs that are still up)."""
     _live = set()
 
     def __init__(self, cap_uci=None, re_uci=None, cap_answers=None, re_answers=None,
-                 re_lan_ip=FACTORY_IP, uniq=None, base=None, owned=True, valgrind=False):
+                 re_lan_ip=FACTORY_IP, uniq=None, base=None, owned=True, valgrind=False, n=1):
         self.valgrind = valgrind   # routers can run their programs under valgrind
         self.uniq = uniq or f"lab-{os.getpid()}-{secrets.token_hex(2)}"
         self.dir = os.path.join(base or LAB_BASE, self.uniq)
         self.re_lan_ip, self.owned = re_lan_ip, owned
+        self.switch = f"{self.uniq}-sw" if n > 1 else None
         self.cap = Router(self, "cap", cap_uci, cap_answers)
-        self.re = Router(self, "re", re_uci, re_answers)
-        self.routers = (self.cap, self.re)
+        self.res = [Router(self, "re" + str(k) * (k > 1), re_uci, re_answers, k) for k in range(1, n + 1)]
+        self.re, self.routers = self.res[0], (self.cap, *self.res)
 
     def up(self):
         os.makedirs(self.dir)
@@ -417,50 +419,52 @@ class Lab:
             for r in self.routers:
                 r.build()
             self._net()
-            for r in self.routers:
-                r.start_holder()
-            for r in self.routers:
-                r.wait_holder()
+            for step in [r.start_holder for r in self.routers] + [r.wait_holder for r in self.routers]:
+                step()
         except BaseException:
             self.down()
             raise
         return self
 
     def _net(self):
-        cap, re_ = self.cap.ns, self.re.ns
-        for ns in (cap, re_):
+        sw, batches = self.switch, {}
+        def bridge(b):
+            return ["link set lo up", f"link add {b} type bridge forward_delay 0", f"link set {b} up"]
+        def veth(a, r):   # from a on the switch (or the CAP) to r's port
+            return (f"link add {a} type veth peer name eth{4 if r.k else 0} netns {r.ns}"
+                    + (f" address {r.mac.lower()}" if r.k else ""))
+        if sw:
+            batches[sw] = bridge("sw") + [x for r in self.routers for x in (
+                veth(f"p{r.k}", r), f"link set p{r.k} master sw", f"link set p{r.k} up")]
+        batches[self.cap.ns] = bridge("br-lan") + ([] if sw else [veth("eth0", self.re)]) + [
+            "link set eth0 master br-lan", "link set eth0 up", f"addr add {FACTORY_IP}/24 brd + dev br-lan"]
+        lan = [f"addr add {self.re_lan_ip}/24 brd + dev br-lan"] if self.re_lan_ip else []
+        batches.update((r.ns, bridge("br-lan") + ["link set eth4 up"] + lan) for r in self.res)
+        for ns in batches:
             _run(["ip", "netns", "add", ns])
-        bridge = ["link set lo up", "link add br-lan type bridge stp_state 0 forward_delay 0",
-                  "link set br-lan up"]
-        batches = {cap: bridge + [f"link add eth0 type veth peer name eth4 netns {re_} "
-                                  f"address {RE_MAC.lower()}", "link set eth0 master br-lan",
-                                  "link set eth0 up", f"addr add {FACTORY_IP}/24 brd + dev br-lan"],
-                   re_: bridge + ["link set eth4 up"]
-                   + ([f"addr add {self.re_lan_ip}/24 brd + dev br-lan"] if self.re_lan_ip else [])}
         for ns, lines in batches.items():
             _run(["ip", "-n", ns, "-batch", "-"], input="\n".join(lines) + "\n")
 
-    def static_uplink(self, ip=RE_STATIC_IP, gw=FACTORY_IP):
-        """Gives the RE's eth4 a fixed address and writes its gateway file."""
-        _run(["ip", "-n", self.re.ns, "addr", "add", f"{ip}/24", "brd", "+", "dev", "eth4"])
-        self.re.write("/tmp/cab_plaitd_gw_ip", f"{gw}\n{ip}\n")
+    def static_uplink(self, ip=None, gw=FACTORY_IP):
+        """Gives each RE's eth4 a fixed address (ip, else r.ip: .20, .21, ...) and its gateway file."""
+        for r in self.res:
+            _run(["ip", "-n", r.ns, "addr", "add", f"{ip or r.ip}/24", "brd", "+", "dev", "eth4"])
+            r.write("/tmp/cab_plaitd_gw_ip", f"{gw}\n{ip or r.ip}\n")
 
     def dhcp_uplink(self, timeout=15):
-        """udhcpd on the CAP's br-lan, busybox udhcpc on the RE's eth4 with the
-        router's default.script and the package's hook; returns (udhcpd,
-        udhcpc) once the hook has written the gateway file."""
+        """udhcpd on the CAP's br-lan, busybox udhcpc on each RE's eth4 with the router's
+        default.script and the package's hook; returns once every hook wrote its gateway file."""
         self.cap.write("/etc/udhcpd.conf", "\n".join([
             "interface br-lan", "start 192.168.77.100", "end 192.168.77.150",
             "lease_file /tmp/udhcpd.leases", "pidfile /var/run/udhcpd.pid",
             "option subnet 255.255.255.0", f"option router {FACTORY_IP}", "option lease 3600", ""]))
         self.cap.write("/tmp/udhcpd.leases", "")
-        srv = self.cap.spawn(["udhcpd", "-f", "/etc/udhcpd.conf"])
-        clt = self.re.spawn(["udhcpc", "-f", "-i", "eth4", "-s", "/usr/share/udhcpc/default.script",
-                             "-t", "30", "-T", "1", "-A", "1"])
-        gw = lambda: len((self.re.read("/tmp/cab_plaitd_gw_ip") or "").splitlines()) >= 2   # noqa: E731
-        if not wait_until(gw, timeout):
-            raise AssertionError("no DHCP lease: " + clt.err()[-1000:] + srv.err()[-1000:])
-        return srv, clt
+        srv = self.cap.spawn(["udhcpd", "-f", "-a", "200", "/etc/udhcpd.conf"])   # ARP ping of an offer: 0.2 s
+        clts = [r.spawn(["udhcpc", "-f", "-i", "eth4", "-s", "/usr/share/udhcpc/default.script",
+                         "-t", "30", "-T", "1", "-A", "1"]) for r in self.res]
+        leased = lambda r: len((r.read("/tmp/cab_plaitd_gw_ip") or "").splitlines()) >= 2   # noqa: E731
+        if not wait_until(lambda: all(map(leased, self.res)), timeout):
+            raise AssertionError("no DHCP lease: " + "".join(c.err()[-500:] for c in clts) + srv.err()[-800:])
 
     def dd_request(self, payload, wait=1.5):
         """Broadcasts one discovery datagram from the RE's eth4 and returns the
@@ -477,9 +481,9 @@ class Lab:
                 step()
             except Exception as e:   # keep tearing down
                 errors.append(e)
-        for r in self.routers:
-            if os.path.exists(f"/run/netns/{r.ns}"):
-                subprocess.run(["ip", "netns", "del", r.ns], capture_output=True, timeout=10)
+        for ns in [r.ns for r in self.routers] + [self.switch]:
+            if ns and os.path.exists(f"/run/netns/{ns}"):
+                subprocess.run(["ip", "netns", "del", ns], capture_output=True, timeout=10)
         if not os.environ.get("LAB_KEEP"):
             shutil.rmtree(self.dir, ignore_errors=True)
         Lab._live.discard(self)
@@ -498,7 +502,7 @@ def cleanup_stale(base=None):
     """Removes namespaces, processes and directories of labs whose owning
     process (the PID in "lab-<pid>-<hex>") is gone. Returns the names removed."""
     base = base or LAB_BASE
-    pat = re.compile(r"^(lab-(\d+)-(?:[0-9a-f]{4}|tls))(?:-(cap|re))?$")
+    pat = re.compile(r"^(lab-(\d+)-(?:[0-9a-f]{4}|tls))(?:-[a-z]+\d*)?$")
     nss = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout
     names = [l.split()[0] for l in nss.splitlines() if l.strip()]
     dead = {m.group(1) for m in map(pat.match, names + os.listdir(base))

@@ -184,6 +184,33 @@ def test_pairing_with_dhcp_uplink(make_lab, plaitd_bin):
     assert re_lan(lab) == (ip, [ip])
 
 
+def test_three_res_at_once(make_lab, plaitd_bin):
+    """Three REs let loose in the same instant (a gate file) on one CAP, each
+    with its own lease: the CAP serves one at a time, the others come back on
+    their own retry rhythm until every one is paired, and the CAP is as before."""
+    lab = make_lab(uplink="dhcp", n=3)
+    cap = start_cap(lab)
+    held = lambda: (len(os.listdir(f"/proc/{cap.pid}/fd")), len(os.listdir(f"/proc/{cap.pid}/task")))  # noqa
+    idle = held()
+    gate = ["/bin/sh", "-c", 'until [ -e /tmp/go ]; do usleep 2000; done; exec "$@"', "gate"]
+    res = [r.plaitd("-C", "-o", "-i", "eth4", prefix=gate) for r in lab.res]
+    for r in lab.res:
+        r.write("/tmp/go", "")
+    assert [p.wait(45) for p in res] == [0] * 3, [p.log()[-2000:] for p in res]
+    cap.wait_log("mesh.re.conn.type=wire:1\n", 5, count=3, stream="out")
+    for r, p in zip(lab.res, res):
+        assert [c[0] for c in scripts(r)] == ["re_init"] and p.count("RE cab mesh init done.") == 1
+        mac2, mac5 = (r.uci[f"wireless.{s}.macaddr"].upper() for s in ("wifi1", "wifi0"))
+        mine = [c for c in scripts(lab.cap) if c[1] == r.mac]
+        assert [[c[0]] + [m[2:] for m in c[2:6]] for c in mine] == [["cap_init"] + [
+            m[2:] for m in (mac2, mac5, mac2, mac5)]], (r.name, scripts(lab.cap))
+    assert len(scripts(lab.cap)) == 3 and cap.out().count("mesh.re.conn.duration=wire:") == 3
+    assert "mesh.re.conn.fail" not in cap.out() + "".join(p.out() for p in res)
+    assert routerlab.wait_until(lambda: held() == idle, 10), (idle, held())
+    assert cap.stop() == 255   # LeakSanitizer, if built in, reports at this exit
+    assert not re.search("Sanitizer|runtime error:", cap.log() + "".join(p.log() for p in res))
+
+
 def test_random_backhaul_without_bh_section(make_lab, plaitd_bin):
     lab = make_lab(cap_uci={"wireless.bh_ap": None})
     cap = start_cap(lab)
