@@ -42,7 +42,8 @@ int32_t ssl_init(void)
         SSL_CTX_set_min_proto_version(g_ssl_ctx, TLS1_2_VERSION);
     }
 
-    SSL_CTX_set_options(g_ssl_ctx, SSL_OP_NO_COMPRESSION);
+    SSL_CTX_set_options(g_ssl_ctx, SSL_OP_NO_COMPRESSION | SSL_OP_NO_TICKET);
+    SSL_CTX_set_num_tickets(g_ssl_ctx, 0);   // TLS 1.3 sends stateful ones despite NO_TICKET
     SSL_CTX_set_quiet_shutdown(g_ssl_ctx, 1);
     SSL_CTX_sess_set_remove_cb(g_ssl_ctx, nullptr);
     SSL_CTX_set_mode(g_ssl_ctx, SSL_MODE_RELEASE_BUFFERS);
