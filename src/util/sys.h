@@ -1,5 +1,5 @@
 // The one seam through which the daemon runs shell commands. The daemon uses
-// the real popen/pclose/system; a test installs a recorder to see the exact
+// real popen/pclose/system equivalents (sys.cpp); a test installs a recorder to see the exact
 // command lines without running them.
 #pragma once
 #include <stdio.h>

@@ -54,7 +54,7 @@ def pair(lab, cap_args=(), re_args=()):
     cap = start_cap(lab, *cap_args)
     re_ = lab.re.plaitd("-C", "-o", "-i", "eth4", *re_args)
     assert re_.wait(30) == 0, re_.log()[-3000:]
-    cap.wait_log("mesh.re.conn.type=wire:1\n", 5, stream="out")
+    cap.wait_log("mesh.re.conn.type=wire:1", 5, stream="out")
     return cap, re_
 
 
@@ -179,7 +179,7 @@ def test_pairing_with_dhcp_uplink(make_lab, plaitd_bin):
     assert re_.wait(20) == 0, re_.log()[-3000:]
     assert f"RE triggered to get new gw:[{gw}] and ip:[{ip}] from iface: [eth4]\n" in re_.log()
     assert scripts(lab.re) == [expected_re_init(lab.cap.uci)]
-    cap.wait_log("mesh.re.conn.type=wire:1\n", 5, stream="out")
+    cap.wait_log("mesh.re.conn.type=wire:1", 5, stream="out")
     assert scripts(lab.cap)[0][:2] == ["cap_init", routerlab.RE_MAC]
     assert re_lan(lab) == (ip, [ip])
 
@@ -193,7 +193,7 @@ def test_random_backhaul_without_bh_section(make_lab, plaitd_bin):
         lab.re.sh(f"ifconfig br-lan {FACTORY}")
         re_ = lab.re.plaitd("-C", "-o", "-i", "eth4")
         assert re_.wait(30) == 0, re_.log()[-3000:]
-        cap.wait_log("mesh.re.conn.type=wire:1\n", 5, count=n, stream="out")
+        cap.wait_log("mesh.re.conn.type=wire:1", 5, count=n, stream="out")
     caps, res = scripts(lab.cap), scripts(lab.re)
     assert len(caps) == len(res) == 2
     names = [unb64(c[6]) for c in caps]
