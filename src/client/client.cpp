@@ -114,6 +114,8 @@ void client_loop(void)
     // and the RE's own initialisation.
     if (tolvaGetMeshLock() < 0) {
         LOG(3, "other process locked MeshLock, retry!");
+        // The connection goes now: it would hold the CAP's only slot.
+        free_entity(main_ent);
         nap_ms(3000);
         g_is_success = 0;
         return;

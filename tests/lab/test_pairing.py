@@ -157,7 +157,8 @@ def test_whole_pairing(make_lab, plaitd_bin, case):
         ["vsled", "mesh_join"], ["lua", "/usr/sbin/mesh_info.lua"], ["mesh_setup.sh", expect[0]],
         ["vsled", "mesh_finish"]]
     assert calls(lab.re, "lua")[0][2:] == ["locale", b64("default")]
-    assert re.search(r"^mesh\.re\.conn\.duration=wire:\d+$", cap.out(), re.M), cap.out()
+    # records are written exactly as formatted: no line feed between them
+    assert re.search(r"\nmesh\.re\.conn\.duration=wire:\d+mesh\.re\.conn\.type=wire:1$", cap.out()), cap.out()
     assert "mesh.re.conn.fail" not in cap.out() + re_.out()
     assert lab.re.read(EXTRA) == INITBUF
     assert [lab.re.read(f) for f in MACLISTS] == [None, None]
