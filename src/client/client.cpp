@@ -38,8 +38,8 @@ int32_t start_mesh_client(const char *ifname, const char *local_ip, const char *
     memset(mac, 0, sizeof(mac));
     if (get_iface_mac(ifname, mac, sizeof(mac)) == 0 && strncmp(mac, g_macaddr, 18) != 0) {
         LOG(3, "NOTE: replace wan ip with `ifconfig wan` instead of `macinfo wan`\n");
-        strncpy(g_macaddr, mac, sizeof(g_macaddr));
-        g_macaddr[sizeof(g_macaddr) - 1] = '\0';
+        memset(g_macaddr, 0, sizeof(g_macaddr));
+        memcpy(g_macaddr, mac, strnlen(mac, sizeof(g_macaddr) - 1));
     }
 
     if (setup_service("RE", ifname, local_ip, 0) != 0) {
