@@ -112,7 +112,7 @@ static void sig_stop_now(int sig)
 void sig_safe_point(void)
 {
     static int32_t busy;
-    if (busy || !sig_on_main())
+    if (!sig_on_main() || busy)
         return;
     busy = 1;
     if (g_sig_stop)
