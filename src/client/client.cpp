@@ -17,6 +17,7 @@
 #include "proto/frame.h"
 #include "server/server.h"
 #include "util/log.h"
+#include "util/sig.h"
 
 int32_t g_timer_flag = 0;
 
@@ -37,8 +38,8 @@ int32_t start_mesh_client(const char *ifname, const char *local_ip, const char *
     memset(mac, 0, sizeof(mac));
     if (get_iface_mac(ifname, mac, sizeof(mac)) == 0 && strncmp(mac, g_macaddr, 18) != 0) {
         LOG(3, "NOTE: replace wan ip with `ifconfig wan` instead of `macinfo wan`\n");
-        strncpy(g_macaddr, mac, sizeof(g_macaddr));
-        g_macaddr[sizeof(g_macaddr) - 1] = '\0';
+        memset(g_macaddr, 0, sizeof(g_macaddr));
+        memcpy(g_macaddr, mac, strnlen(mac, sizeof(g_macaddr) - 1));
     }
 
     if (setup_service("RE", ifname, local_ip, 0) != 0) {
@@ -74,13 +75,16 @@ int32_t client_connect(entity *ent, const char *cap_ip)
         LOG(3, "[%.64s] inet_aton(%s) failed, %s.\n", ent->name, cap_ip, strerror(errno));
         goto fail;
     }
-    if (connect(ent->fd, (struct sockaddr *)&sa, sizeof(sa)) != 0) {
+    rc = connect(ent->fd, (struct sockaddr *)&sa, sizeof(sa));
+    sig_safe_point();   // a stop or the watchdog may have cut it short
+    if (rc != 0) {
         LOG(3, "[%.64s] connect(%s) failed, %s.\n", ent->name, cap_ip, strerror(errno));
         goto fail;
     }
     change_state(ent, ST_TCP_DONE);
 
     rc = SSL_connect(ent->ssl);
+    sig_safe_point();
     if (rc != 1) {
         LOG(3, "[%.64s] ssl connect failed: %d.\n", ent->name, SSL_get_error(ent->ssl, rc));
         goto fail;
@@ -110,7 +114,9 @@ void client_loop(void)
     // and the RE's own initialisation.
     if (tolvaGetMeshLock() < 0) {
         LOG(3, "other process locked MeshLock, retry!");
-        sleep(3);
+        // The connection goes now: it would hold the CAP's only slot.
+        free_entity(main_ent);
+        nap_ms(3000);
         g_is_success = 0;
         return;
     }
@@ -126,7 +132,9 @@ void client_open_timer(void)
 {
     g_timer_flag = 1;
     LOG(3, "open %d s timer for client/server interaction.\n", (int)CLIENT_TIMEOUT);
-    signal(SIGALRM, client_free_connect);
+    g_sig_alarm = 0;
+    g_sig_cut_fd = main_ent && main_ent->fd > 0 ? main_ent->fd : -1;
+    sig_install_alarm(client_free_connect);
     alarm(CLIENT_TIMEOUT);
 }
 
@@ -137,17 +145,39 @@ void client_close_timer(void)
     g_timer_flag = 0;
     LOG(3, "close %d s timer\n", (int)CLIENT_TIMEOUT);
     alarm(0);
+    g_sig_cut_fd = -1;
+    g_sig_alarm = 0;
 }
 
-// SIGALRM: the CAP took too long. Cut the connection so that the blocked
-// read in the client loop fails and the loop sees ST_STOP.
+// SIGALRM: the CAP took too long. The handler only cuts the socket, so that
+// the blocked call in the client fails; the time-out path itself runs on the
+// main thread (client_timer_expired, from the safe point).
 void client_free_connect(int sig)
 {
     if (sig != SIGALRM)
         return;
-    LOG(3, "%d s timer reached, interaction timeout, free it.\n", (int)CLIENT_TIMEOUT);
+    int saved = errno;
+    g_sig_alarm = 1;
+    int fd = g_sig_cut_fd;
+    if (fd >= 0)
+        shutdown(fd, SHUT_RDWR);
+    sig_wake();
+    errno = saved;
+}
+
+int32_t client_timer_expired(void)
+{
+    if (!g_sig_alarm)
+        return 0;
+    g_sig_alarm = 0;
+    if (g_timer_flag != 1 || !main_ent)
+        return 0;   // the attempt was over before the alarm was seen
+    LOG_AS(3, "client_free_connect", "%d s timer reached, interaction timeout, free it.\n",
+           (int)CLIENT_TIMEOUT);
     change_state(main_ent, ST_STOP);
-    entity_disconnect(main_ent);
+    if (main_ent->ssl)
+        entity_disconnect(main_ent);
+    return 1;
 }
 
 int32_t init_mesh_cable(void)
@@ -155,10 +185,17 @@ int32_t init_mesh_cable(void)
     return ssl_init();
 }
 
+enum { PEER_STOP_WAIT_MS = 1000 };
+
 void cleanup_mesh_cable(void)
 {
     LOG(3, "cleanup cable-mesh resources before exit.\n");
-    stop = 1;
+    __atomic_store_n(&stop, 1, __ATOMIC_RELAXED);
+    // Peer threads own their records: tell them to stop and give them a
+    // moment to release their sessions before the context goes.
+    server_stop_peers();
+    for (int i = 0; i < PEER_STOP_WAIT_MS / 10 && ent_live_threads() > 0; i++)
+        usleep(10000);
     for (int i = ENT_POOL_SIZE - 1; i >= 1; i--)
         free_entity(&ent_pool[i]);
     if (main_ent)

@@ -13,6 +13,8 @@ int32_t client_connect(entity *ent, const char *cap_ip);
 void client_loop(void);
 void client_open_timer(void);
 void client_close_timer(void);
-void client_free_connect(int sig);
+void client_free_connect(int sig);   // the SIGALRM handler: cuts the socket
+// Runs the time-out path once the alarm has fired (main thread); 1 = it ran.
+int32_t client_timer_expired(void);
 int32_t init_mesh_cable(void);
 void cleanup_mesh_cable(void);

@@ -8,6 +8,7 @@
 #include "core/flow.h"
 #include "util/codec.h"
 #include "util/log.h"
+#include "util/sig.h"
 
 entity ent_pool[ENT_POOL_SIZE];
 entity *main_ent;
@@ -27,6 +28,113 @@ void change_state(entity *ent, int32_t state)
     ent->state = state;
 }
 
+// Who may release a peer record. A record handed to a peer thread belongs to
+// that thread until it ends; its serving share (its count in g_srving_cnt)
+// may be given back earlier, once, by whoever holds the record's generation.
+// Guarded by `lock`.
+struct slot_info {
+    uint32_t gen;      // bumped for every record created in the slot
+    int8_t counted;    // the record's share of g_srving_cnt is still held
+    int8_t handed;     // a peer thread owns the record
+};
+static slot_info slots[ENT_POOL_SIZE];
+static int32_t live_threads;
+// The record (slot and generation) that this peer thread owns.
+static __thread int32_t own_slot = -1;
+static __thread uint32_t own_gen;
+
+static int32_t slot_of(const entity *ent)
+{
+    return (int32_t)(ent - ent_pool);
+}
+
+static bool is_peer_record(const entity *ent)
+{
+    return g_is_server && ent != main_ent && slot_of(ent) > 0 && slot_of(ent) < ENT_POOL_SIZE;
+}
+
+uint32_t ent_gen(const entity *ent)
+{
+    pthread_mutex_lock(&lock);
+    uint32_t gen = slots[slot_of(ent)].gen;
+    pthread_mutex_unlock(&lock);
+    return gen;
+}
+
+uint32_t ent_gen_locked(int32_t slot)
+{
+    return slot >= 0 && slot < ENT_POOL_SIZE ? slots[slot].gen : 0;
+}
+
+int32_t ent_release_share_locked(int32_t slot, uint32_t gen)
+{
+    if (slot < 1 || slot >= ENT_POOL_SIZE || slots[slot].gen != gen || !slots[slot].counted)
+        return 0;
+    slots[slot].counted = 0;
+    if (g_srving_cnt > 0)
+        g_srving_cnt--;
+    return 1;
+}
+
+int32_t ent_release_share(int32_t slot, uint32_t gen)
+{
+    pthread_mutex_lock(&lock);
+    int32_t done = ent_release_share_locked(slot, gen);
+    pthread_mutex_unlock(&lock);
+    return done;
+}
+
+int32_t ent_share_held_locked(int32_t slot)
+{
+    return slot > 0 && slot < ENT_POOL_SIZE && slots[slot].counted;
+}
+
+uint32_t ent_hand_over(entity *ent)
+{
+    pthread_mutex_lock(&lock);
+    slot_info *si = &slots[slot_of(ent)];
+    si->handed = 1;
+    live_threads++;
+    uint32_t gen = si->gen;
+    pthread_mutex_unlock(&lock);
+    return gen;
+}
+
+void ent_hand_back(entity *ent)
+{
+    pthread_mutex_lock(&lock);
+    slots[slot_of(ent)].handed = 0;
+    live_threads--;
+    pthread_mutex_unlock(&lock);
+}
+
+void ent_adopt(entity *ent, uint32_t gen)
+{
+    own_slot = slot_of(ent);
+    own_gen = gen;
+    pthread_mutex_lock(&lock);
+    ent->thread = pthread_self();
+    pthread_mutex_unlock(&lock);
+}
+
+void ent_thread_done(void)
+{
+    pthread_mutex_lock(&lock);
+    if (own_slot > 0 && slots[own_slot].gen == own_gen)
+        slots[own_slot].handed = 0;
+    live_threads--;
+    pthread_mutex_unlock(&lock);
+    own_slot = -1;
+}
+
+int32_t ent_live_threads(void)
+{
+    pthread_mutex_lock(&lock);
+    int32_t n = live_threads;
+    pthread_mutex_unlock(&lock);
+    return n;
+}
+
 entity *new_entity(const char *name, int32_t fd, int32_t is_main)
 {
     if (fd < 0) {
@@ -36,23 +144,29 @@ entity *new_entity(const char *name, int32_t fd, int32_t is_main)
 
     int32_t slot = 0;
     if (is_main) {
-        if (main_ent && main_ent->start_ts != 0) {
+        // The RE stamps nothing (it never samples the uptime): there the
+        // connection of an attempt that ended early is what marks it in use.
+        if (main_ent && (main_ent->start_ts != 0 || (!g_is_server && main_ent->ssl))) {
             LOG(3, "[%s] free old main entity [%s] before using it.\n", name, main_ent->name);
             free_entity(main_ent);
         }
         ent_pool[0].slot = 0;
     } else {
         pthread_mutex_lock(&lock);
-        // Counted before the search: a refused peer keeps the increment.
-        g_srving_cnt++;
+        // A slot is free when it holds no session and no thread still owns it.
         for (slot = 1; slot < ENT_POOL_SIZE; slot++)
-            if (!ent_pool[slot].ssl)
+            if (!ent_pool[slot].ssl && !slots[slot].handed)
                 break;
         if (slot == ENT_POOL_SIZE) {
+            // No share taken: a refusal must not count as a peer in service.
             LOG(3, "no free slot. ignore connection.\n");
             pthread_mutex_unlock(&lock);
             return nullptr;
         }
+        g_srving_cnt++;
+        slots[slot].gen++;
+        slots[slot].counted = 1;
+        slots[slot].handed = 0;
         ent_pool[slot].slot = slot;
         pthread_mutex_unlock(&lock);
     }
@@ -63,25 +177,22 @@ entity *new_entity(const char *name, int32_t fd, int32_t is_main)
     LOG(3, "new entity [%s] saved at pool[%d]\n", name, slot);
     ent->fd = fd;
 
-    ent->ssl = SSL_new(g_ssl_ctx);
-    if (!ent->ssl) {
-        LOG(3, "[%s] SLL new failed.\n", name);
-        free_entity(ent);
-        return nullptr;
-    }
-    if (SSL_set_fd(ent->ssl, fd) != 1) {
-        LOG(3, "[%s] ssl bind failed.\n", name);
-        free_entity(ent);
-        return nullptr;
-    }
-    if (get_random_str(ent->id, 15) != 0) {
-        LOG(3, "[%s] gen id failed.\n", name);
-        free_entity(ent);
-        return nullptr;
-    }
+    const char *fail = nullptr;
     int32_t length = 0;
-    if (get_hmac_base64(g_is_server, ent->id, (int32_t)strlen(ent->id), ent->pass, &length) != 0) {
-        LOG(3, "[%s] gen pass failed.\n", name);
+    ent->ssl = SSL_new(g_ssl_ctx);
+    if (!ent->ssl)
+        fail = "[%s] SLL new failed.\n";
+    else if (SSL_set_fd(ent->ssl, fd) != 1)
+        fail = "[%s] ssl bind failed.\n";
+    else if (get_random_str(ent->id, 15) != 0)
+        fail = "[%s] gen id failed.\n";
+    else if (get_hmac_base64(g_is_server, ent->id, (int32_t)strlen(ent->id), ent->pass, &length) != 0)
+        fail = "[%s] gen pass failed.\n";
+    if (fail) {
+        LOG(3, fail, name);
+        // Stamped so that the release takes it back, slot and share included.
+        if (!ent->start_ts)
+            ent->start_ts = 1;
         free_entity(ent);
         return nullptr;
     }
@@ -93,28 +204,35 @@ entity *new_entity(const char *name, int32_t fd, int32_t is_main)
     return ent;
 }
 
-// On the CAP only records in service are released; a zeroed record has
-// start_ts 0, which also makes a second release harmless there. A record
-// that is all zero was released already: releasing it again must not close
-// fd 0.
-static bool entity_is_released(const entity *ent)
+static void disconnect_locked(entity *ent);
+
+// A record that is all zero was released already: releasing it again must
+// not close fd 0. On the CAP a record not in service (start_ts 0) is left
+// alone. A peer record handed to a thread is released by that thread only.
+static bool entity_may_release(const entity *ent)
 {
+    if (!ent->ssl && ent->state == ST_NONE && ent->fd == 0 && ent->start_ts == 0)
+        return false;
     if (ent->start_ts == 0 && g_is_server)
+        return false;
+    if (!is_peer_record(ent))
         return true;
-    return !ent->ssl && ent->state == ST_NONE && ent->fd == 0 && ent->start_ts == 0;
+    int32_t slot = slot_of(ent);
+    if (!slots[slot].handed)
+        return true;
+    return own_slot == slot && own_gen == slots[slot].gen;
 }
 
 void free_entity_lock(entity *ent, int32_t take_lock)
 {
-    if (!ent || entity_is_released(ent))
+    if (!ent)
         return;
-    if (take_lock == 1) {
+    if (take_lock == 1)
         pthread_mutex_lock(&lock);
-        // Another thread may have released it while this one waited.
-        if (entity_is_released(ent)) {
+    if (!entity_may_release(ent)) {
+        if (take_lock == 1)
             pthread_mutex_unlock(&lock);
-            return;
-        }
+        return;
     }
 
     if (ent == main_ent)
@@ -130,9 +248,11 @@ void free_entity_lock(entity *ent, int32_t take_lock)
         SSL_clear(ent->ssl);
         SSL_free(ent->ssl);
         ent->ssl = nullptr;
-        g_srving_cnt--;
     }
-    entity_disconnect(ent);
+    // Only peers count as in service; the main entity never held a share.
+    if (is_peer_record(ent))
+        ent_release_share_locked(slot_of(ent), slots[slot_of(ent)].gen);
+    disconnect_locked(ent);
 
     LOG(3, "[%.64s] memset entity at pool[%d]\n", ent->name, ent->slot);
     memset(ent, 0, sizeof(*ent));
@@ -146,17 +266,32 @@ void free_entity(entity *ent)
     free_entity_lock(ent, 1);
 }
 
-void entity_disconnect(entity *ent)
+// The sweep and the clean-up read a peer's fd under `lock` to shut it down:
+// it is closed under the lock too, so that they never hit a reused number.
+static void disconnect_locked(entity *ent)
 {
-    if (!ent)
-        return;
     if (ent->ssl) {
         LOG(3, "[%.64s] SSL_shutdown to peer.\n", ent->name);
         SSL_shutdown(ent->ssl);
     }
     if (ent->fd >= 0) {
         LOG(3, "[%.64s] disconnect to peer, close fd %d \n", ent->name, ent->fd);
+        // The RE's watchdog must not cut a number that is closed (and may be reused).
+        if (ent->fd == g_sig_cut_fd)
+            g_sig_cut_fd = -1;
         close(ent->fd);
     }
     ent->fd = -1;
+}
+
+void entity_disconnect(entity *ent)
+{
+    if (!ent)
+        return;
+    bool peer = is_peer_record(ent);
+    if (peer)
+        pthread_mutex_lock(&lock);
+    disconnect_locked(ent);
+    if (peer)
+        pthread_mutex_unlock(&lock);
 }

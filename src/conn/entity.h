@@ -45,4 +45,21 @@ void change_state(entity *ent, int32_t state);
 entity *new_entity(const char *name, int32_t fd, int32_t is_main);
 void free_entity_lock(entity *ent, int32_t take_lock);
 void free_entity(entity *ent);
+
+// Peer ownership (CAP). A peer's share of g_srving_cnt is released once per
+// record: by its generation, so a stale second release is a no-op. The
+// _locked forms expect `lock` held.
+uint32_t ent_gen(const entity *ent);
+uint32_t ent_gen_locked(int32_t slot);
+int32_t ent_release_share(int32_t slot, uint32_t gen);          // 1 = released now
+int32_t ent_release_share_locked(int32_t slot, uint32_t gen);
+int32_t ent_share_held_locked(int32_t slot);
+// The accepting thread hands a record to a new peer thread (before it is
+// created; returns the generation) or takes it back when creation failed.
+uint32_t ent_hand_over(entity *ent);
+void ent_hand_back(entity *ent);
+// The peer thread takes ownership at its start and gives the slot up at its end.
+void ent_adopt(entity *ent, uint32_t gen);
+void ent_thread_done(void);
+int32_t ent_live_threads(void);   // peer threads handed a record and not yet done
 void entity_disconnect(entity *ent);

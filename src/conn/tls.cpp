@@ -2,7 +2,9 @@
 #include "conn/tls.h"
 
 #include <openssl/err.h>
-#include <sys/select.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <time.h>
 
 #include "core/flow.h"
 #include "util/log.h"
@@ -42,7 +44,8 @@ int32_t ssl_init(void)
         SSL_CTX_set_min_proto_version(g_ssl_ctx, TLS1_2_VERSION);
     }
 
-    SSL_CTX_set_options(g_ssl_ctx, SSL_OP_NO_COMPRESSION);
+    SSL_CTX_set_options(g_ssl_ctx, SSL_OP_NO_COMPRESSION | SSL_OP_NO_TICKET);
+    SSL_CTX_set_num_tickets(g_ssl_ctx, 0);   // TLS 1.3 sends stateful ones despite NO_TICKET
     SSL_CTX_set_quiet_shutdown(g_ssl_ctx, 1);
     SSL_CTX_sess_set_remove_cb(g_ssl_ctx, nullptr);
     SSL_CTX_set_mode(g_ssl_ctx, SSL_MODE_RELEASE_BUFFERS);
@@ -84,6 +87,29 @@ void ssl_uninit(void)
     }
 }
 
+static int64_t now_ms(void)
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
+
+// 1 when fd is ready for reading (or writing) within ms, else 0.
+static int wait_fd(int fd, int for_write, int64_t ms)
+{
+    struct pollfd p = {fd, (short)(for_write ? POLLOUT : POLLIN), 0};
+    if (ms <= 0)
+        return 0;
+    return poll(&p, 1, (int)ms) > 0 ? 1 : 0;
+}
+
+static void set_blocking(int fd, int on)
+{
+    int fl = fcntl(fd, F_GETFL);
+    if (fl >= 0)
+        fcntl(fd, F_SETFL, on ? fl & ~O_NONBLOCK : fl | O_NONBLOCK);
+}
+
 int32_t ssl_accept(entity *ent)
 {
     if (!ent || !ent->ssl)
@@ -93,30 +119,44 @@ int32_t ssl_accept(entity *ent)
         return 0;
     }
 
-    int ready = 0;
-    if (ent->fd > 0) {
-        fd_set rfds;
-        FD_ZERO(&rfds);
-        FD_SET(ent->fd, &rfds);
-        struct timeval tv = {SSL_ACCEPT_TIMEOUT, 0};
-        ready = select(ent->fd + 1, &rfds, nullptr, nullptr, &tv);
-    }
-    if (ready <= 0) {
+    // One deadline for the whole handshake, not just its first byte: a
+    // ClientHello cut short must not hold the slot until the sweep.
+    int64_t deadline = now_ms() + SSL_ACCEPT_TIMEOUT * 1000;
+    int fd = ent->fd;
+    if (fd <= 0 || !wait_fd(fd, 0, deadline - now_ms())) {
         LOG(3, "[%.64s] ssl handshake timeout 30s after TCP handshake.\n", ent->name);
         free_entity(ent);
         return -1;
     }
 
-    // The time-out sweep may have released the record meanwhile.
-    if (!ent->ssl)
-        return -1;
     LOG(3, "[%.64s] SSL_accept()....\n", ent->name);
-    if (SSL_accept(ent->ssl) == 1) {
+    set_blocking(fd, 0);
+    int rc, timed_out = 0;
+    for (;;) {
+        ERR_clear_error();
+        rc = SSL_accept(ent->ssl);
+        if (rc == 1)
+            break;
+        int err = SSL_get_error(ent->ssl, rc);
+        if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE)
+            break;
+        if (!wait_fd(fd, err == SSL_ERROR_WANT_WRITE, deadline - now_ms())) {
+            timed_out = 1;
+            break;
+        }
+    }
+    // The session itself runs on a blocking socket.
+    set_blocking(fd, 1);
+    if (rc == 1) {
         change_state(ent, ST_SSL_DONE);
         return 0;
     }
-    const char *reason = ERR_reason_error_string(ERR_get_error());
-    LOG(3, "[%.64s] ssl accept failed: %s\n", ent->name, reason ? reason : "(null)");
+    if (timed_out) {
+        LOG(3, "[%.64s] ssl handshake timeout 30s after TCP handshake.\n", ent->name);
+    } else {
+        const char *reason = ERR_reason_error_string(ERR_get_error());
+        LOG(3, "[%.64s] ssl accept failed: %s\n", ent->name, reason ? reason : "(null)");
+    }
     free_entity(ent);
     return -1;
 }
@@ -129,6 +169,8 @@ int32_t entity_read_write(entity *ent, int32_t is_read, uint8_t *buf, uint32_t l
         return -1;
 
     int ret = is_read ? SSL_read(ent->ssl, buf, (int)len) : SSL_write(ent->ssl, buf, (int)len);
+    // On the RE's main thread a stop or the watchdog ends a blocked read here.
+    sig_safe_point();
     if (ret > 0)
         return ret;
     if (ret == 0) {

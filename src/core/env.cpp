@@ -121,7 +121,8 @@ void switch_conning_light(int32_t state)
         sys_system("vsled meshing ");
     else if (state == 2)
         sys_system("vsled mesh_join ");
-    else if (g_mesh_light != 0)
+    else if (__atomic_load_n(&g_mesh_light, __ATOMIC_RELAXED) != 0)
         sys_system("vsled mesh_finish ");
-    g_mesh_light = (int8_t)state;
+    // A peer thread and the clean-up may both switch it.
+    __atomic_store_n(&g_mesh_light, (int8_t)state, __ATOMIC_RELAXED);
 }

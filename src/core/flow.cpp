@@ -5,14 +5,18 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <poll.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "client/client.h"
+#include "conn/entity.h"
 #include "core/env.h"
 #include "discovery/ddprobe.h"
 #include "server/server.h"
 #include "util/addr.h"
 #include "util/log.h"
+#include "util/sig.h"
 #include "util/sys.h"
 
 static constexpr const char *usage_lines[] = {
@@ -71,25 +75,87 @@ int32_t parse_args(int argc, char **argv)
     return PLAITD_PARSE_RUN;
 }
 
-// Runs on the main thread whenever a signal lands; no locks by design, so a
-// signal takes effect at once wherever the flow stands.
+// The handler only notes the signal and wakes the main thread; the work is
+// done by sig_safe_point, on the main thread, where it holds no lock and is
+// inside no TLS call and no allocation.
 void sig_handler(int sig)
 {
+    if (sig == SIGUSR1)
+        g_sig_usr1 = 1;
+    else
+        g_sig_stop = sig;
+    sig_wake();
+}
+
+// Set while br-lan holds the uplink address of the clash path.
+static int32_t re_lan_moved;
+static void re_set_lan_ip(const char *ip);
+
+static void sig_stop_now(int sig)
+{
     LOG(3, "NOTE: get sig: %d.\n", sig);
-    if (sig != SIGUSR1) {
-        cleanup_mesh_cable();
-        exit(-1);
+    cleanup_mesh_cable();
+    if (re_lan_moved) {
+        LOG(3, "NOTE: !!! restore br-lan ip to origin ip-addr.\n");
+        re_set_lan_ip(g_default_lan_ip);
     }
-    if (g_is_server)
+    // A peer thread that did not end in time (a platform script that hangs)
+    // may still run: then the process ends without the exit handlers, which
+    // would tear down OpenSSL under it.
+    if (ent_live_threads() > 0) {
+        fflush(nullptr);
+        _exit(255);
+    }
+    exit(-1);
+}
+
+void sig_safe_point(void)
+{
+    static int32_t busy;
+    if (!sig_on_main() || busy)
         return;
-    if (get_gw_ip(g_gw_srv_ip, g_local_wan_ip) == 0) {
-        get_wan_ifname(g_ifname);
-        g_retry_flag = 1;
-    } else {
-        g_retry_flag = 0;
+    busy = 1;
+    if (g_sig_stop)
+        sig_stop_now(g_sig_stop);
+    if (g_sig_usr1) {
+        g_sig_usr1 = 0;
+        LOG(3, "NOTE: get sig: %d.\n", SIGUSR1);
+        if (!g_is_server) {
+            if (get_gw_ip(g_gw_srv_ip, g_local_wan_ip) == 0) {
+                get_wan_ifname(g_ifname);
+                g_retry_flag = 1;
+            } else {
+                g_retry_flag = 0;
+            }
+            LOG(3, "RE triggered to get new gw:[%s] and ip:[%s] from iface: [%s]\n", g_gw_srv_ip,
+                g_local_wan_ip, g_ifname);
+        }
     }
-    LOG(3, "RE triggered to get new gw:[%s] and ip:[%s] from iface: [%s]\n", g_gw_srv_ip,
-        g_local_wan_ip, g_ifname);
+    if (!g_is_server)
+        client_timer_expired();
+    busy = 0;
+}
+
+void nap_ms(int32_t ms)
+{
+    int fd = sig_wake_fd();
+    if (fd < 0) {
+        usleep((useconds_t)ms * 1000);
+        return;
+    }
+    struct timespec t0, t;
+    clock_gettime(CLOCK_MONOTONIC, &t0);
+    for (;;) {
+        clock_gettime(CLOCK_MONOTONIC, &t);
+        int64_t left = ms - ((int64_t)(t.tv_sec - t0.tv_sec) * 1000 + (t.tv_nsec - t0.tv_nsec) / 1000000);
+        if (left <= 0)
+            break;
+        struct pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, (int)left) > 0)
+            sig_drain();
+        sig_safe_point();
+    }
+    sig_safe_point();
 }
 
 // A text test of "same /24": the common prefix must pass exactly three dots.
@@ -106,15 +172,7 @@ int32_t capip_ip_compare(const char *a, const char *b)
 
 static void install_signals(void)
 {
-    struct sigaction sa;
-    memset(&sa, 0, sizeof(sa));
-    sa.sa_handler = sig_handler;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGUSR1, &sa, nullptr);
-    // A peer that vanishes mid-write must cost one connection, not the daemon.
-    signal(SIGPIPE, SIG_IGN);
+    sig_install(sig_handler);
 }
 
 int32_t cap_flow(void)
@@ -123,9 +181,9 @@ int32_t cap_flow(void)
         dd_srv_probe(g_ifname);
     init_mesh_cable();
     do {
-        ip_changed = 0;
+        __atomic_store_n(&ip_changed, 0, __ATOMIC_RELAXED);
         start_mesh_server(g_ifname, 0);
-    } while (ip_changed);
+    } while (__atomic_load_n(&ip_changed, __ATOMIC_RELAXED));
     cleanup_mesh_cable();
     return 0;
 }
@@ -152,8 +210,9 @@ static int32_t re_discover(void)
             return 1;
         if (dd_clt_probe(g_ifname, g_cap_ip) == 0)
             break;
+        sig_safe_point();
         LOG(3, "dd_clt: no CAP found in L2-net. just exit. \n");
-        sleep(4);
+        nap_ms(4000);
     }
     LOG(3, "dd_clt: CAP found in L2-net. Continue for meshing...\n");
     return 0;
@@ -174,6 +233,8 @@ static int32_t re_clash(void)
 
 static void re_set_lan_ip(const char *ip)
 {
+    // Noted before the command runs, so that a stop in between restores it.
+    re_lan_moved = strcmp(ip, g_default_lan_ip) != 0;
     char cmd[256];
     snprintf(cmd, sizeof(cmd), "uci -q set network.lan.ipaddr=%s;uci commit network;ifconfig br-lan %s",
              ip, ip);
@@ -200,9 +261,10 @@ static re_step re_pair_once(int32_t *last)
             LOG(3, "NOTE: !!! br-lan and wan gateway ip are same: %s, change ip to %s\n", g_gw_srv_ip,
                 g_local_wan_ip);
             re_set_lan_ip(g_local_wan_ip);
-            usleep(100000);
+            nap_ms(100);
             *last = re_attempt();
             if (*last == 0) {
+                re_lan_moved = 0;   // paired: the new address stays
                 LOG(3, "RE cab mesh init done. exit.\n");
                 return RE_DONE;
             }
@@ -210,7 +272,7 @@ static re_step re_pair_once(int32_t *last)
             re_set_lan_ip(g_default_lan_ip);
             if (capip_ip_compare(g_cap_ip, g_local_wan_ip) != 0) {
                 sys_system("killall -9 udhcpc");
-                sleep(5);
+                nap_ms(5000);
                 return RE_RESTART;
             }
         }
@@ -219,7 +281,7 @@ static re_step re_pair_once(int32_t *last)
             return RE_DONE;
         }
     }
-    sleep(3);
+    nap_ms(3000);
     // A finished attempt without success (a dry run) ends the process quietly.
     return *last == 0 ? RE_DONE : RE_NEXT;
 }
@@ -251,6 +313,6 @@ int plaitd_main(int argc, char **argv)
         return -1;
     }
     while (check_boot_ready() != 0)
-        sleep(1);
+        nap_ms(1000);
     return g_is_server ? cap_flow() : re_flow();
 }

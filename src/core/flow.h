@@ -20,7 +20,15 @@ enum { PLAITD_PARSE_RUN = 0, PLAITD_PARSE_EXIT_OK = 1, PLAITD_PARSE_EXIT_BAD = -
 void usage(void);
 // Applies the options to the globals; tells whether to run or to exit.
 int32_t parse_args(int argc, char **argv);
+// Notes the signal and wakes the main thread (async-signal-safe).
 void sig_handler(int sig);
+// Acts on noted signals; does nothing off the main thread. Called where the
+// main thread holds no lock and is inside no TLS call: a stop runs the
+// clean-up and exits 255, SIGUSR1 refreshes the RE's addresses, an expired
+// RE watchdog runs its time-out path.
+void sig_safe_point(void);
+// Sleeps ms milliseconds, acting on signals as they arrive.
+void nap_ms(int32_t ms);
 int32_t capip_ip_compare(const char *a, const char *b);
 int32_t cap_flow(void);
 int32_t re_flow(void);

@@ -12,6 +12,7 @@
 #include "platform/meshlock.h"
 #include "util/log.h"
 #include "util/shell.h"
+#include "util/sig.h"
 
 namespace {
 
@@ -119,7 +120,7 @@ void *dd_srv_loop(void *arg)
     char from_ip[IP_TEXT_LEN];
     int from_port = 0;
     for (;;) {
-        if (stop)
+        if (__atomic_load_n(&stop, __ATOMIC_RELAXED))
             break;
         memset(buf, 0, sizeof(buf));
         if (dd_recv_msg(recver, from_ip, &from_port, buf, DD_RAW_BUF) != 0)
@@ -146,7 +147,7 @@ void *dd_srv_loop(void *arg)
 
         LOG(3, "ip changed, restart server");
         memcpy(local_ip, new_ip, sizeof(local_ip));
-        ip_changed = 1;
+        __atomic_store_n(&ip_changed, 1, __ATOMIC_RELAXED);
         dd_destory_sockfd(&sender);
         dd_destory_sockfd(&recver);
         if (srv_open_sockets(local_ip, &sender, &recver) != 0)
@@ -160,12 +161,9 @@ void *dd_srv_loop(void *arg)
 int dd_srv_probe(const char *ifname)
 {
     pthread_t tid = 0;
-    int rc = pthread_create(&tid, nullptr, dd_srv_loop, (void *)ifname);
-    // Judged by sign, so an error number counts as started; only a thread
-    // that really exists is detached.
-    if (rc >= 0) {
-        if (rc == 0)
-            pthread_detach(tid);
+    // Detached, with the daemon's signals blocked; the result is an error number.
+    int rc = sig_thread_create(&tid, dd_srv_loop, (void *)ifname);
+    if (rc == 0) {
         LOG(3, "dd_srv: thread %d for CAP discovery created ok. \n", (int)tid);
         return 0;
     }

@@ -19,7 +19,7 @@ int tolvaAddMeshLock(void)
     FILE *fp = fopen(MESH_LOCK_FILE, "w");
     if (!fp)
         return -1;
-    g_mesh_locked = 1;
+    __atomic_store_n(&g_mesh_locked, 1, __ATOMIC_RELAXED);
     fprintf(fp, "%ld", (long)uptime());
     fclose(fp);
     return 1;
@@ -27,10 +27,10 @@ int tolvaAddMeshLock(void)
 
 int tolvaRemoveMeshLock(void)
 {
-    if (!g_mesh_locked)
+    // Peer threads, the discovery thread and the clean-up may all get here.
+    if (!__atomic_exchange_n(&g_mesh_locked, 0, __ATOMIC_RELAXED))
         return 0;
     LOG(5, "tolva mesh unLocked\n");
-    g_mesh_locked = 0;
     return unlink(MESH_LOCK_FILE);
 }
 

@@ -2,6 +2,7 @@
 #include "proto/sync.h"
 
 #include <string.h>
+#include <sys/socket.h>
 
 #include "client/client.h"
 #include "core/env.h"
@@ -111,6 +112,12 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
 {
     if (!ent || !body || g_is_server == 0)
         return -1;
+    // Only a peer that has completed the mutual authentication may answer
+    // the configuration; from any other it is a message in the wrong state.
+    if (ent->state != ST_RUNNING) {
+        LOG(3, "[%.64s] get sync reply in wrong status: %d \n", ent->name, ent->state);
+        return -1;
+    }
     // Whatever the answer, this peer's session is over.
     entity_disconnect(ent);
 
@@ -148,13 +155,18 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
     return 0;
 }
 
+// The other peers' records belong to their threads: their sockets are shut
+// down, and each thread releases its own record.
 void disconnect_others(entity *keep)
 {
+    pthread_mutex_lock(&lock);
     for (int32_t i = 1; i < ENT_POOL_SIZE; i++) {
         entity *ent = &ent_pool[i];
         if (ent == keep || !ent->ssl)
             continue;
         LOG(3, "WARN: [%.64s] direct drop connections: [%.64s]\n", keep ? keep->name : "", ent->name);
-        free_entity(ent);
+        if (ent->fd > 0)
+            shutdown(ent->fd, SHUT_RDWR);
     }
+    pthread_mutex_unlock(&lock);
 }

@@ -19,10 +19,47 @@
 #include "proto/frame.h"
 #include "util/log.h"
 #include "util/shell.h"
+#include "util/sig.h"
 
 // Start and end of the latest peer session; all peer threads share it and
 // the last one to write wins.
 struct timeval conn_duration[2];
+
+int32_t (*server_thread_create)(pthread_t *, void *(*)(void *), void *) = sig_thread_create;
+
+// The peer record (slot and generation) whose thread holds the mesh lock;
+// slot 0 = none. Guarded by `lock`, so that the sweep and a late thread
+// never both remove it.
+static int32_t mesh_lock_slot;
+static uint32_t mesh_lock_gen;
+
+static int32_t peer_mesh_lock(int32_t slot, uint32_t gen)
+{
+    pthread_mutex_lock(&lock);
+    int32_t rc = tolvaGetMeshLock();
+    if (rc >= 0) {
+        mesh_lock_slot = slot;
+        mesh_lock_gen = gen;
+    }
+    pthread_mutex_unlock(&lock);
+    return rc;
+}
+
+static void peer_mesh_unlock_locked(int32_t slot, uint32_t gen)
+{
+    if (mesh_lock_slot != slot || mesh_lock_gen != gen)
+        return;
+    mesh_lock_slot = 0;
+    tolvaRemoveMeshLock();
+}
+
+static void sample_uptime(void)
+{
+    // uptime() gives 0 when sysinfo fails: then the old sample stays.
+    int32_t up = uptime();
+    if (up > 0)
+        current = up;
+}
 
 int32_t start_mesh_server(const char *ifname, const char *ip)
 {
@@ -30,6 +67,9 @@ int32_t start_mesh_server(const char *ifname, const char *ip)
 
     if (!ifname || !ifname[0])
         ifname = "br-lan";
+    // Stamped before the main entity is made, so that it counts as in
+    // service and its release (at an address change) closes the socket.
+    sample_uptime();
     memset(addr, 0, sizeof(addr));
     if (ip && ip[0]) {
         strncpy(addr, ip, sizeof(addr) - 1);
@@ -137,6 +177,7 @@ int32_t server_listening(entity *main)
         fd_set rfds;
         struct timeval tv;
         int n;
+        int wfd = sig_wake_fd();
 
         if (main->fd < 0) {
             LOG(3, "[%.64s] no any valid fd for select(). exit server_loop. \n", main->name);
@@ -144,10 +185,12 @@ int32_t server_listening(entity *main)
         }
         FD_ZERO(&rfds);
         FD_SET(main->fd, &rfds);
+        if (wfd >= 0)
+            FD_SET(wfd, &rfds);
         tv.tv_sec = 0;
         tv.tv_usec = 200000;
-        n = select(main->fd + 1, &rfds, NULL, NULL, &tv);
-        // A signal that only logs (SIGUSR1 on a CAP) must not end the server.
+        n = select((wfd > main->fd ? wfd : main->fd) + 1, &rfds, NULL, NULL, &tv);
+        // A signal only wakes the loop; it is acted on at the safe point below.
         if (n < 0 && errno == EINTR)
             n = 0;
         if (n < 0) {
@@ -155,11 +198,14 @@ int32_t server_listening(entity *main)
             free_entity(main);
             return -1;
         }
+        if (n > 0 && wfd >= 0 && FD_ISSET(wfd, &rfds))
+            sig_drain();
+        sig_safe_point();
         if (n > 0 && FD_ISSET(main->fd, &rfds) && handle_new_connection(main) < 0) {
             free_entity(main);
             return -1;
         }
-        if (ip_changed)
+        if (__atomic_load_n(&ip_changed, __ATOMIC_RELAXED))
             break;
         check_connection_timeout();
         if (main->state == ST_STOP) {
@@ -178,7 +224,7 @@ int32_t handle_new_connection(entity *main)
     char pname[64];
     int32_t nfd;
     entity *ent;
-    pthread_attr_t attr;
+    pthread_t tid = 0;
     int rc;
 
     nfd = accept(main->fd, (struct sockaddr *)&peer, &plen);
@@ -195,6 +241,7 @@ int32_t handle_new_connection(entity *main)
     snprintf(pname, sizeof(pname), "peer-%s", inet_ntoa(peer.sin_addr));
 
     // One pairing at a time: a second RE is told to come back later.
+    pthread_mutex_lock(&lock);
     if (g_srving_cnt > 0) {
         LOG(3, "WARN: Cap overload threshold: %d. reject [%s] serving , need try again.\n",
             (int)OVERLOAD_THRESHOLD, pname);
@@ -203,8 +250,10 @@ int32_t handle_new_connection(entity *main)
             if (ent_pool[i].start_ts)
                 LOG(3, "[%.64s] is alive, fd: %d.\n", ent_pool[i].name, ent_pool[i].fd);
         }
+        pthread_mutex_unlock(&lock);
         return 0;
     }
+    pthread_mutex_unlock(&lock);
 
     ent = new_entity(pname, nfd, 0);
     if (!ent) {
@@ -214,105 +263,110 @@ int32_t handle_new_connection(entity *main)
     LOG(3, "incoming peer: %.64s with fd: %d\n", ent->name, nfd);
     change_state(ent, ST_TCP_DONE);
 
-    // Created detached: the peer thread may release (zero) its entity before
-    // this thread could read the id back to detach it.
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    rc = pthread_create(&ent->thread, &attr, server_loop, ent);
-    pthread_attr_destroy(&attr);
-    if (rc < 0) {
-        LOG(3, "[%.64s] thread create for [%.64s] failed, %s.\n", main->name, ent->name, strerror(errno));
+    // From here the record is the new thread's; it is created detached, with
+    // the daemon's signals blocked. The result is an error number, not -1.
+    ent_hand_over(ent);
+    rc = server_thread_create(&tid, server_loop, ent);
+    if (rc != 0) {
+        ent_hand_back(ent);
+        LOG(3, "[%.64s] thread create for [%.64s] failed, %s.\n", main->name, ent->name, strerror(rc));
         free_entity(ent);
         return -1;
     }
-    LOG(3, "new thread %d for [%.64s] create done. \n", (int)ent->thread, ent->name);
+    LOG(3, "new thread %d for [%.64s] create done. \n", (int)tid, pname);
     return 0;
 }
 
-// The peer's thread may be blocked inside its TLS session, so freeing the
-// session here would pull it from under that thread. Shutting the socket
-// down makes the thread's pending or next read fail instead, and the thread
-// then releases its own record as it does for any broken connection.
+// The peer's thread may be blocked inside its TLS session, so nothing here
+// frees the session. Shutting the socket down makes the thread's pending or
+// next read fail instead, and the thread then releases its own record.
 static void wake_peer(const entity *ent)
 {
-    if (ent->fd >= 0)
+    if (ent->fd > 0)
         shutdown(ent->fd, SHUT_RDWR);
 }
 
 void check_connection_timeout(void)
 {
-    // uptime() gives 0 when sysinfo fails: then the old sample stays.
-    int32_t up = uptime();
-    if (up > 0)
-        current = up;
+    sample_uptime();
 
     pthread_mutex_lock(&lock);
     for (int i = 1; i < ENT_POOL_SIZE && current > 0; i++) {
         entity *ent = &ent_pool[i];
         uint32_t now = (uint32_t)current;
 
-        if (!ent->start_ts)
+        // A peer whose share was given back is no longer in service.
+        if (!ent->start_ts || !ent_share_held_locked(i))
             continue;
         // Uptime below the start stamp cannot happen for a live session:
         // drop the peer rather than trust the stamp.
         if (now < ent->start_ts || now - ent->start_ts >= SERVING_TIMEOUT) {
             LOG(3, "[%.64s] serving time: %d too long > timeout: %d, disconnect it, current ts: %d .\n",
                 ent->name, (int)(now - ent->start_ts), (int)SERVING_TIMEOUT, (int)current);
+            // The slot's share and the mesh lock go now, so that the next RE
+            // is served even when this peer's thread hangs (in cap_init, say);
+            // the record's memory stays with that thread.
+            uint32_t gen = ent_gen_locked(i);
             wake_peer(ent);
+            ent_release_share_locked(i, gen);
+            peer_mesh_unlock_locked(i, gen);
         }
     }
     pthread_mutex_unlock(&lock);
 }
 
-// Once this thread (or a failed handshake) has released the record, the
-// slot may already serve the next peer under another thread: only the
-// thread the record names may go on using it or release it.
-static bool record_is_mine(const entity *ent)
+void server_stop_peers(void)
 {
-    return pthread_equal(ent->thread, pthread_self()) != 0;
+    pthread_mutex_lock(&lock);
+    for (int i = 1; i < ENT_POOL_SIZE; i++)
+        if (ent_pool[i].ssl)
+            wake_peer(&ent_pool[i]);
+    pthread_mutex_unlock(&lock);
 }
 
 void *server_loop(void *arg)
 {
     entity *ent = (entity *)arg;
+    int32_t slot = (int32_t)(ent - ent_pool);
+    uint32_t gen = ent_gen(ent);
     char name[64];
 
-    // The sweep may zero the record while this thread runs; keep the name.
+    ent_adopt(ent, gen);
     memcpy(name, ent->name, sizeof(name) - 1);
     name[sizeof(name) - 1] = '\0';
-    if (ent->thread)
-        LOG(3, "thread %d start for client %s.\n", (int)ent->thread, name);
-    else
-        LOG(3, "client %s start...\n", name);
-    ent->thread = pthread_self();
+    LOG(3, "thread %d start for client %s.\n", (int)ent->thread, name);
 
-    if (tolvaGetMeshLock() < 0) {
+    if (peer_mesh_lock(slot, gen) < 0) {
         // Another pairing is running; the peer's MAC is not known yet.
         tolvaMeshUpdateFailureStatus(ent->macaddr);
     } else {
-        gettimeofday(&conn_duration[0], NULL);
+        struct timeval t0, t1;
+        gettimeofday(&t0, NULL);
+        pthread_mutex_lock(&lock);
+        conn_duration[0] = t0;
+        pthread_mutex_unlock(&lock);
         if (ssl_accept(ent) != 0) {
             report_status("%s=%s:%d", "mesh.re.conn.fail", "CONNECT_FAILED", 1);
             LOG(3, "[%s] ssl_accept failed.\n", name);
         } else {
-            while (ent->ssl && ent->state != ST_STOP && record_is_mine(ent))
+            while (ent->ssl && ent->state != ST_STOP)
                 recv_message(ent);
-            if (ent->thread)
-                LOG(3, "[%s] thread %d end .\n", name, (int)ent->thread);
-            else
-                LOG(3, "[%s] client stop...\n", name);
-            gettimeofday(&conn_duration[1], NULL);
-            report_status("%s=%s:%d", "mesh.re.conn.duration", "wire",
-                          (int)(conn_duration[1].tv_sec - conn_duration[0].tv_sec));
+            LOG(3, "[%s] thread %d end .\n", name, (int)pthread_self());
+            gettimeofday(&t1, NULL);
+            pthread_mutex_lock(&lock);
+            conn_duration[1] = t1;
+            int secs = (int)(conn_duration[1].tv_sec - conn_duration[0].tv_sec);
+            pthread_mutex_unlock(&lock);
+            report_status("%s=%s:%d", "mesh.re.conn.duration", "wire", secs);
             report_status("%s=%s:%s", "mesh.re.conn.type", "wire", "1");
         }
-        tolvaRemoveMeshLock();
+        pthread_mutex_lock(&lock);
+        peer_mesh_unlock_locked(slot, gen);
+        pthread_mutex_unlock(&lock);
     }
 
-    pthread_mutex_lock(&lock);
-    if (record_is_mine(ent))
-        free_entity_lock(ent, 0);
-    pthread_mutex_unlock(&lock);
+    free_entity(ent);
     OPENSSL_thread_stop();
+    ent_thread_done();
     pthread_exit(NULL);
 }

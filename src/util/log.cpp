@@ -63,10 +63,9 @@ void report_status(const char *fmt, ...)
     va_list ap, ap2;
     va_start(ap, fmt);
     va_copy(ap2, ap);
-    // Records are one line each; the platform reads them from a pipe, so
-    // each one is pushed out as soon as it is complete.
+    // Exactly the formatted text, no line feed added; the platform reads
+    // it from a pipe, so it is pushed out at once.
     vprintf(fmt, ap);
-    putchar('\n');
     fflush(stdout);
     vsyslog(LOG_LOCAL1 | LOG_INFO, fmt, ap2);
     va_end(ap2);

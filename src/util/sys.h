@@ -1,6 +1,6 @@
 // The one seam through which the daemon runs shell commands. The daemon uses
-// the real popen/pclose/system; a test installs a recorder to see the exact
-// command lines without running them.
+// its own popen/pclose/system (sys.cpp); a test installs a recorder to see the
+// exact command lines without running them.
 #pragma once
 #include <stdio.h>
 

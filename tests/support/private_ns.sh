@@ -3,8 +3,11 @@
 # the fixed paths of the daemon are private to the test. When the checkout or
 # the build lives under /tmp itself, those two trees are carried over into the
 # new /tmp so the test still finds its binary and its sources.
+# PLAITD_TEST_EMULATOR (e.g. "qemu-mipsel-static -L /usr/mipsel-linux-gnu")
+# runs a cross-built test binary.
 top=$(cd "$(dirname "$0")/../.." && pwd)
 bindir=$(cd "$(dirname "$1")" && pwd)
+# shellcheck disable=SC2016 # the inner shell expands these
 exec unshare -m --propagation private /bin/sh -c '
   set -e
   top=$1 bindir=$2; shift 2
@@ -15,4 +18,4 @@ exec unshare -m --propagation private /bin/sh -c '
   for d in "$top" "$bindir"; do
     case $d in /tmp/*) mkdir -p "$d"; mount --bind "/mnt/${d#/tmp/}" "$d" ;; esac
   done
-  exec "$@"' sh "$top" "$bindir" "$@"
+  exec $PLAITD_TEST_EMULATOR "$@"' sh "$top" "$bindir" "$@"

@@ -88,15 +88,22 @@ TEST_F(Proto, PeerSlotsOverloadAndRelease)
     int fd = open_null();
     std::string err = captured(stderr, [&] { EXPECT_EQ(peer_ent(fd), nullptr); });
     EXPECT_TRUE(Has(err, "no free slot. ignore connection.\n"));
-    EXPECT_EQ(g_srving_cnt, 8);   // the refusal keeps its increment
+    EXPECT_EQ(g_srving_cnt, 7);   // a refusal takes no share
     EXPECT_NE(fcntl(fd, F_GETFD), -1);   // the caller's socket is left alone
     close(fd);
 
     // A released record is all zero and its slot is free again.
+    uint32_t gen = ent_gen(&ent_pool[3]);
     free_entity(&ent_pool[3]);
     EXPECT_TRUE(all_zero(&ent_pool[3]));
-    EXPECT_EQ(g_srving_cnt, 7);
+    EXPECT_EQ(g_srving_cnt, 6);
     entity *again = peer_ent(open_null());
+    // A stale release (the old record's generation) leaves the new one's share.
+    EXPECT_EQ(ent_release_share(3, gen), 0);
+    EXPECT_EQ(g_srving_cnt, 7);
+    EXPECT_EQ(ent_release_share(3, ent_gen(again)), 1);
+    EXPECT_EQ(ent_release_share(3, ent_gen(again)), 0);
+    EXPECT_EQ(g_srving_cnt, 6);
     ASSERT_EQ(again, &ent_pool[3]);
     EXPECT_EQ(again->slot, 3);
     EXPECT_EQ(again->start_ts, 100u);
@@ -240,16 +247,25 @@ TEST_F(Proto, SyncTextLimitAndRejectedReply)
     EXPECT_EQ(f.substr(MSG_HDR_SIZE + SYNC_TEXT_OFFSET), std::string(952, 'j') + '\0');
     EXPECT_EQ(std::string(f.c_str() + MSG_HDR_SIZE + offsetof(WiFiConfig, locale)), std::string(62, 'L'));
 
-    // The CAP logs a rejection and frees the peer without any script.
+    // A sync reply from a peer that has not finished authenticating is a
+    // message in the wrong state: no script, no record.
     msg_reply rej{};
-    rej.code = REPLY_FAIL;
-    strcpy(rej.text, "read jsonBuf with NULL.");
+    rej.code = REPLY_OK;
     fake_sys_install();
     g_is_server = 1;
-    std::string err, out = captured(stdout, [&] {
+    std::string err = captured(stderr, [&] { EXPECT_EQ(process_sync_reply(cap, (const uint8_t *)&rej), -1); });
+    EXPECT_TRUE(Has(err, "[peer-10.0.0.2] get sync reply in wrong status: 3 \n"));
+    EXPECT_TRUE(fake_sys_system_cmds().empty());
+    EXPECT_NE(cap->ssl, nullptr);
+
+    // The CAP logs a rejection and frees the peer without any script.
+    change_state(cap, ST_RUNNING);
+    rej.code = REPLY_FAIL;
+    strcpy(rej.text, "read jsonBuf with NULL.");
+    std::string out = captured(stdout, [&] {
         err = captured(stderr, [&] { EXPECT_EQ(process_sync_reply(cap, (const uint8_t *)&rej), 0); });
     });
-    EXPECT_TRUE(Has(out, "mesh.re.conn.fail=SYNC_FAILED:1\n"));
+    EXPECT_EQ(out, "mesh.re.conn.fail=SYNC_FAILED:1");   // no line feed added
     EXPECT_TRUE(Has(err, "[peer-10.0.0.2] sync config rejected: [2:read jsonBuf with NULL.] .\n"));
     EXPECT_TRUE(all_zero(&ent_pool[1]));
     EXPECT_TRUE(fake_sys_system_cmds().empty());

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <signal.h>
@@ -21,6 +22,7 @@
 #include "server/server.h"
 #include "util/log.h"
 #include "util/shell.h"
+#include "util/sig.h"
 
 namespace {
 
@@ -39,7 +41,7 @@ void reset(int is_server)
 
 }  // namespace
 
-TEST(Server, SweepCutsOffAtTimeoutAndOnClockBelowStart)
+TEST(Server, SweepReleasesOverdueSharesOnceAndCutsTheirSockets)
 {
     std::string out;
     long u;
@@ -47,41 +49,78 @@ TEST(Server, SweepCutsOffAtTimeoutAndOnClockBelowStart)
     do {
         reset(1);
         u = (long)uptime();
+        current = (int32_t)u;
         const char *names[] = {"peer-old", "peer-young", "peer-future"};
         const long ages[] = {120, 119, -5};
         for (int i = 0; i < 3; i++) {
             int sv[2];
             ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
-            if (peer[i + 1] >= 0)
-                close(peer[i + 1]), close(ent_pool[i + 1].fd);
             peer[i + 1] = sv[1];
-            strcpy(ent_pool[i + 1].name, names[i]);
-            ent_pool[i + 1].fd = sv[0];
-            ent_pool[i + 1].state = ST_RUNNING;
-            ent_pool[i + 1].start_ts = (uint32_t)(u - ages[i]);
+            entity *ent = new_entity(names[i], sv[0], 0);
+            ASSERT_EQ(&ent_pool[i + 1], ent);
+            ent->state = ST_RUNNING;
+            ent->start_ts = (uint32_t)(u - ages[i]);
         }
         out = captured(stderr, check_connection_timeout);
     } while ((long)uptime() != u);   // uptime ticked in between: sample again
 
-    EXPECT_EQ(u, current);
     char want[160];
     snprintf(want, sizeof(want), "[peer-old] serving time: 120 too long > timeout: 120, disconnect it, current ts: %ld .\n", u);
     EXPECT_TRUE(Has(out, want));
     EXPECT_TRUE(Has(out, "[peer-future] serving time: -5 too long"));
     EXPECT_FALSE(Has(out, "peer-young] serving"));
-    // The session belongs to the peer's thread: the sweep only cuts the
-    // connection (the peer sees the end of it) and leaves the release to it.
+    // The overdue peers' shares come back at once (the next RE is served);
+    // their sessions stay with their threads, whose sockets are cut.
+    EXPECT_EQ(1, g_srving_cnt);
     char c;
     for (int i = 1; i <= 3; i++) {
         EXPECT_EQ(ST_RUNNING, ent_pool[i].state) << i;
-        EXPECT_NE(0u, ent_pool[i].start_ts) << i;
-        ssize_t n = recv(peer[i], &c, 1, MSG_DONTWAIT);
-        EXPECT_EQ(i == 2 ? -1 : 0, n) << i;
-        close(peer[i]);
-        close(ent_pool[i].fd);
+        EXPECT_NE(nullptr, ent_pool[i].ssl) << i;
+        EXPECT_EQ(i == 2 ? -1 : 0, recv(peer[i], &c, 1, MSG_DONTWAIT)) << i;
     }
+    // Released once: the next sweeps neither log them again nor count down.
+    EXPECT_FALSE(Has(captured(stderr, check_connection_timeout), "serving time"));
+    EXPECT_EQ(1, g_srving_cnt);
     EXPECT_EQ(0, pthread_mutex_trylock(&lock));   // the sweep let go of it
     pthread_mutex_unlock(&lock);
+    for (int i = 3; i >= 1; i--) {
+        free_entity(&ent_pool[i]);
+        close(peer[i]);
+    }
+    EXPECT_EQ(0, g_srving_cnt);   // never below zero
+}
+
+TEST(Server, ThreadCreateFailureGivesSlotAndCountBack)
+{
+    ASSERT_TRUE(net_ok);
+    reset(1);
+    current = (int32_t)(long)uptime();
+    int lfd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(sa);
+    ASSERT_EQ(0, bind(lfd, (sockaddr *)&sa, sizeof(sa)));
+    ASSERT_EQ(0, listen(lfd, 4));
+    getsockname(lfd, (sockaddr *)&sa, &len);
+    int cfd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(0, connect(cfd, (sockaddr *)&sa, sizeof(sa)));
+    entity listener{};
+    strcpy(listener.name, "CAP");
+    listener.fd = lfd;
+
+    // pthread_create reports failure as a positive error number.
+    server_thread_create = [](pthread_t *, void *(*)(void *), void *) -> int32_t { return EAGAIN; };
+    std::string out = captured(stderr, [&] { EXPECT_EQ(-1, handle_new_connection(&listener)); });
+    server_thread_create = sig_thread_create;
+    EXPECT_TRUE(Has(out, "[CAP] thread create for [peer-127.0.0.1] failed, Resource temporarily unavailable.\n"));
+    EXPECT_EQ(0, g_srving_cnt);
+    EXPECT_EQ(nullptr, ent_pool[1].ssl);
+    EXPECT_EQ(0, ent_live_threads());
+    char c;
+    EXPECT_EQ(0, recv(cfd, &c, 1, 0));   // the peer's connection was closed
+    close(cfd);
+    close(lfd);
 }
 
 TEST(Server, ReleaseWaitingForTheLockSkipsARecordReleasedMeanwhile)
@@ -129,14 +168,22 @@ TEST(Server, BindFailureReleasesAndIpChangeEndsTheLoop)
     fake_sys_answer("ifconfig br-lan |grep -o \"inet addr*", "127.0.0.1\n");
     int32_t rc = 99;
     std::thread t([&] { rc = start_mesh_server(nullptr, nullptr); });
-    for (int i = 0; i < 200 && __atomic_load_n(&ent_pool[0].state, __ATOMIC_SEQ_CST) != ST_RUNNING; i++)
+    // Listening on the interface's address only (the record is the server
+    // thread's: it is looked at from outside).
+    auto probe = [](const char *ip) {
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_port = htons(19553);
+        inet_aton(ip, &sa.sin_addr);
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        int rc = connect(fd, (sockaddr *)&sa, sizeof(sa)) == 0 ? 0 : errno;
+        close(fd);
+        return rc;
+    };
+    for (int i = 0; i < 200 && probe("127.0.0.1") != 0; i++)
         usleep(10000);
-    ASSERT_EQ(ST_RUNNING, ent_pool[0].state);
-    sockaddr_in sa{};
-    socklen_t len = sizeof(sa);
-    getsockname(ent_pool[0].fd, (sockaddr *)&sa, &len);
-    EXPECT_EQ(19553, ntohs(sa.sin_port));
-    EXPECT_EQ(htonl(INADDR_LOOPBACK), sa.sin_addr.s_addr);
+    EXPECT_EQ(ECONNREFUSED, probe("127.0.0.2"));
+    usleep(300000);   // the probe's peer is accepted and its thread ends on the close
 
     auto t0 = std::chrono::steady_clock::now();
     __atomic_store_n(&ip_changed, 1, __ATOMIC_SEQ_CST);
@@ -144,30 +191,38 @@ TEST(Server, BindFailureReleasesAndIpChangeEndsTheLoop)
     EXPECT_EQ(0, rc);
     EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(400));
     EXPECT_EQ(nullptr, ent_pool[0].ssl);   // main entity released
+    for (int i = 0; i < 200 && ent_live_threads() > 0; i++)
+        usleep(10000);
     fake_sys_uninstall();
 }
 
-TEST(Client, TimerArmsOnceClosesOnceAndCutsConnection)
+TEST(Client, WatchdogHandlerOnlyCutsTheSocketTheLoopRunsTheTimeout)
 {
     reset(0);
+    int sv[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
+    main_ent = &ent_pool[0];
+    main_ent->fd = sv[0];
+    main_ent->ssl = SSL_new(g_ssl_ctx);
+    main_ent->state = ST_RUNNING;
     client_open_timer();
     EXPECT_EQ(1, g_timer_flag);
+    client_free_connect(SIGUSR1);   // not ours
+    EXPECT_EQ(0, g_sig_alarm);
+    client_free_connect(SIGALRM);
+    char c;
+    EXPECT_EQ(0, recv(sv[1], &c, 1, MSG_DONTWAIT));   // cut: the CAP sees the end
+    EXPECT_EQ(ST_RUNNING, main_ent->state);           // nothing else touched
+    std::string out = captured(stderr, [] { EXPECT_EQ(1, client_timer_expired()); });
+    EXPECT_TRUE(Has(out, "60 s timer reached, interaction timeout, free it.\n"));
+    EXPECT_EQ(ST_STOP, main_ent->state);
+    EXPECT_EQ(-1, main_ent->fd);
+    EXPECT_EQ(0, client_timer_expired());   // once
     client_close_timer();
     EXPECT_EQ(0u, alarm(0));   // cancelled
     EXPECT_FALSE(Has(captured(stderr, client_close_timer), "close 60 s timer"));   // once only
-
-    int p[2];
-    ASSERT_EQ(0, pipe(p));
-    ent_pool[0].fd = p[0];
-    ent_pool[0].state = ST_RUNNING;
-    main_ent = &ent_pool[0];
-    client_free_connect(SIGUSR1);   // not ours
-    EXPECT_EQ(ST_RUNNING, main_ent->state);
-    std::string out = captured(stderr, [] { client_free_connect(SIGALRM); });
-    EXPECT_TRUE(Has(out, "60 s timer reached, interaction timeout, free it.\n"));
-    EXPECT_EQ(ST_STOP, main_ent->state);
-    EXPECT_EQ(-1, fcntl(p[0], F_GETFD));   // closed
-    close(p[1]);
+    free_entity(main_ent);
+    close(sv[1]);
 }
 
 TEST(Client, BadTargetsReleaseEverything)

@@ -1,0 +1,93 @@
+#include "util/sig.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+volatile sig_atomic_t g_sig_stop;
+volatile sig_atomic_t g_sig_usr1;
+volatile sig_atomic_t g_sig_alarm;
+volatile sig_atomic_t g_sig_cut_fd = -1;
+
+static int sig_pipe[2] = {-1, -1};
+static pthread_t sig_main;
+static int sig_main_set;
+
+static void sig_ignore(int) {}
+
+static void sig_set(int sig, void (*fn)(int), int flags)
+{
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = fn;
+    sa.sa_flags = flags;
+    sigemptyset(&sa.sa_mask);
+    sigaction(sig, &sa, nullptr);
+}
+
+void sig_install(void (*note)(int))
+{
+    sig_main = pthread_self();
+    sig_main_set = 1;
+    if (sig_pipe[0] < 0 && pipe2(sig_pipe, O_NONBLOCK | O_CLOEXEC) != 0)
+        sig_pipe[0] = sig_pipe[1] = -1;
+    sig_set(SIGINT, note, 0);
+    sig_set(SIGTERM, note, 0);
+    sig_set(SIGUSR1, note, SA_RESTART);
+    // A peer that vanishes mid-write must cost one connection, not the
+    // daemon. A handler (not SIG_IGN) so that children start with the default.
+    sig_set(SIGPIPE, sig_ignore, SA_RESTART);
+}
+
+void sig_install_alarm(void (*note)(int))
+{
+    sig_set(SIGALRM, note, SA_RESTART);
+}
+
+void sig_wake(void)
+{
+    int saved = errno;
+    if (sig_pipe[1] >= 0) {
+        char c = 0;
+        (void)!write(sig_pipe[1], &c, 1);
+    }
+    errno = saved;
+}
+
+int32_t sig_wake_fd(void)
+{
+    return sig_pipe[0];
+}
+
+void sig_drain(void)
+{
+    char buf[64];
+    if (sig_pipe[0] >= 0)
+        while (read(sig_pipe[0], buf, sizeof(buf)) > 0) {
+        }
+}
+
+int32_t sig_on_main(void)
+{
+    return sig_main_set && pthread_equal(sig_main, pthread_self()) ? 1 : 0;
+}
+
+int32_t sig_thread_create(pthread_t *tid, void *(*fn)(void *), void *arg)
+{
+    sigset_t block, old;
+    sigemptyset(&block);
+    sigaddset(&block, SIGINT);
+    sigaddset(&block, SIGTERM);
+    sigaddset(&block, SIGUSR1);
+    sigaddset(&block, SIGALRM);
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    // The new thread inherits the mask in force while it is created.
+    pthread_sigmask(SIG_BLOCK, &block, &old);
+    int rc = pthread_create(tid, &attr, fn, arg);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    pthread_attr_destroy(&attr);
+    return rc;
+}

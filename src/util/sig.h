@@ -1,0 +1,31 @@
+// Signals as notes: handlers only record what arrived and wake the main
+// thread through a pipe; the main thread acts on them at its safe points.
+// Every other thread runs with these signals blocked.
+#pragma once
+#include <pthread.h>
+#include <signal.h>
+#include <stdint.h>
+
+extern volatile sig_atomic_t g_sig_stop;    // SIGINT/SIGTERM number; 0 = none
+extern volatile sig_atomic_t g_sig_usr1;    // SIGUSR1 seen and not yet handled
+extern volatile sig_atomic_t g_sig_alarm;   // SIGALRM seen and not yet handled
+extern volatile sig_atomic_t g_sig_cut_fd;  // socket the SIGALRM handler shuts down; -1 = none
+
+// Installs `note` for SIGINT, SIGTERM and SIGUSR1 (no restart of interrupted
+// calls, so a blocked main thread returns to a safe point), a no-op SIGPIPE
+// handler (reset to default in every child at exec), and the wake-up pipe.
+// Remembers the calling thread as the main thread.
+void sig_install(void (*note)(int));
+// Installs `note` for SIGALRM (interrupted calls restart: the handler cuts
+// the socket instead).
+void sig_install_alarm(void (*note)(int));
+// Async-signal-safe: one byte into the wake-up pipe.
+void sig_wake(void);
+// Read end of the wake-up pipe (-1 before sig_install); drains it.
+int32_t sig_wake_fd(void);
+void sig_drain(void);
+// 1 on the thread that called sig_install.
+int32_t sig_on_main(void);
+// pthread_create for a detached thread that starts with the noted signals
+// blocked. Returns 0 or the error number.
+int32_t sig_thread_create(pthread_t *tid, void *(*fn)(void *), void *arg);
