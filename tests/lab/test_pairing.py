@@ -200,7 +200,7 @@ def test_three_res_at_once(make_lab, plaitd_bin):
     for r in lab.res:
         r.write("/tmp/go", "")
     assert [p.wait(45) for p in res] == [0] * 3, [p.log()[-2000:] for p in res]
-    cap.wait_log("mesh.re.conn.type=wire:1\n", 5, count=3, stream="out")
+    cap.wait_log("mesh.re.conn.type=wire:1", 5, count=3, stream="out")
     for r, p in zip(lab.res, res):
         assert [c[0] for c in scripts(r)] == ["re_init"] and p.count("RE cab mesh init done.") == 1
         mac2, mac5 = (r.uci[f"wireless.{s}.macaddr"].upper() for s in ("wifi1", "wifi0"))
