@@ -20,8 +20,8 @@ def union(intervals, lo, hi):
 
 
 def fixed_waits(events):
-    """(start, start + nominal) of every sleep the daemons made."""
-    return [(e["t0"], e["t0"] + e["arg"]) for e in events if e["kind"] in ("usleep", "sleep")]
+    """(start, start + nominal) of every sleep (or nap on the wake-up pipe) the daemons made."""
+    return [(e["t0"], e["t0"] + e["arg"]) for e in events if e["kind"] in ("usleep", "sleep", "nap")]
 
 
 def cmd_name(text):
@@ -43,7 +43,7 @@ def pairing_figures(t0, t_re, t_cap, ev_re, ev_cap):
     # Counts of each kind of fixed wait inside the window up to cap_init.
     counts = {}
     for e in ev:
-        if e["kind"] in ("usleep", "sleep") and t0 <= e["t0"] < t_cap:
+        if e["kind"] in ("usleep", "sleep", "nap") and t0 <= e["t0"] < t_cap:
             key = f"{e['kind']}({e['arg']:g} s)"
             counts[key] = counts.get(key, 0) + 1
     res["counts"] = counts
@@ -59,7 +59,7 @@ def pairing_figures(t0, t_re, t_cap, ev_re, ev_cap):
     # system; they contain the getCmdResult sleeps) and the loader.
     start_ev = next(e for e in ev_re if e["kind"] == "start")
     res["load"] = start_ev["t0"] - t0
-    cmds = [e for e in ev if e["kind"] in ("popen", "system") and e["t1"] > t0 and e["t0"] < t_cap]
+    cmds = [e for e in ev if e["kind"] in ("popen", "system", "spawn") and e["t1"] > t0 and e["t0"] < t_cap]
     res["cmd_time"] = union([(e["t0"], e["t1"]) for e in cmds], t0, t_cap)
     # The daemons' own share up to re_init: what is left after the fixed
     # waits and the platform commands (their union, so nothing counts twice).

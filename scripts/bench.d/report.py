@@ -135,8 +135,9 @@ def report(ctx):
       "by the `mesh_setup.sh` wrapper when the `re_init` / `cap_init` call starts.")
     a("")
     a("The floor is the time the design spends in fixed waits before the call: every "
-      "`usleep`/`sleep` either daemon made in the window, at its nominal length, overlapping "
-      "waits counted once (getCmdResult: 5 ms, getCmdResultSlow: 0.5 s, the clash path: 0.1 s). "
+      "`usleep`/`sleep` (or nap: a poll of the signal wake-up pipe that runs out) either daemon "
+      "made in the window, at its nominal length, overlapping waits counted once (getCmdResult: "
+      "5 ms, getCmdResultSlow: 0.5 s, the clash path: 0.1 s). "
       "Conditional waits (the CAP's 200 ms select, the probe's 1 s receive time-out, the "
       "30 s TLS-accept select) are on the path only when they run out; those that did are "
       "listed below.")
@@ -152,7 +153,8 @@ def report(ctx):
       f"{med(own):.3f} | {med(tcap):.3f} | {med(fcap):.3f} | {med(ex_cap):.3f} | "
       f"{int(med(hwm)) if hwm else '-'} | |")
     a("")
-    a("\"commands\" is the time inside platform commands (popen..pclose, system) up to `re_init`, "
+    a("\"commands\" is the time inside platform commands (popen..pclose, system, "
+      "posix_spawn..waitpid) up to `re_init`, "
       "\"own\" what remains of the total after the fixed waits and those commands (their union): "
       "the daemons' own work (exec and loading, discovery, TCP, TLS, messages) and scheduling.")
     a("")
@@ -166,7 +168,8 @@ def report(ctx):
     cmdt = [p["cmd_time"] for p in P]
     a("Where the time up to `cap_init` goes (medians): "
       f"exec and library loading of the RE {med([p['load'] for p in P]) * 1000:.1f} ms; "
-      f"platform commands (popen..pclose and system spans of both daemons, which contain the "
+      f"platform commands (popen..pclose, system and posix_spawn..waitpid spans of both daemons, "
+      "which contain the "
       f"getCmdResult sleeps) {med(cmdt):.3f} s in {med([p['n_cmds'] for p in P]):g} commands; "
       f"commands, waits and loading together {med(busy):.3f} s; the remaining "
       f"{med([p['t_cap'] - p['busy'] for p in P]):.3f} s is the daemons' own work (discovery, TCP, "

@@ -17,6 +17,23 @@ GO = "/tmp/bench-go"                 # the start gate, a FIFO in each RE
 # discovery responder stays silent while a pairing holds the mesh lock.
 RETRY_S, PROBE_S, PROBE_RECV_S = 3.0, 4.0, 1.0
 REFUSED = "WARN: Cap overload threshold"
+MODEL = ("What the rhythm alone implies for n REs let loose together: all of them probe before the "
+         "first pairing takes the CAP's mesh lock, so all find the CAP at once; one is served, the others "
+         "are refused (threshold 1), sleep 3 s and attempt again without probing again. The CAP drops "
+         "its lock when a session ends, and a session (under a second here) is shorter than the 3 s "
+         "sleep, so each wave of returning REs finds the CAP free and one of them is served: the k-th RE "
+         "pairs at t(1) + (k - 1) x 3 s, a marginal cost of 3 s per RE (ceil(session / 3 s) x 3 s in "
+         "general), plus the attempt's own commands. A probe that falls on a live lock would add 1 s + "
+         "4 s; the lock's 240 s life would enter only if a lock outlived its pairing.")
+NOTES = ("Found on the way: in the first runs the third of three REs waited 67 to 78 s instead of about "
+         "7 s, and the CAP never saw its first two attempts. The lab's routers answered ARP for any of "
+         "their addresses on any port (Linux's default, arp_ignore=0), so the REs still holding the "
+         "factory address 192.168.77.1 on br-lan answered its ARP request for the CAP: its first SYN "
+         "went to a sibling RE, which refused it, and once that sibling had moved its br-lan address "
+         "away the next SYN was dropped and connect() hung until the RE's 60 s watchdog. OpenWrt "
+         "sets net.ipv4.conf.all.arp_ignore=1 (/etc/sysctl.d/10-default.conf) and the lab now does the "
+         "same. On a platform that does not, one RE among several can lose up to 60 s this way: the "
+         "RE's connect has no time-out of its own besides that watchdog.")
 
 
 def med(xs):
@@ -85,7 +102,7 @@ def one_run(b, n):
         per = []
         for r, p, a, z in zip(lab.res, res, t0, t_re):
             ev = b.trace(r)
-            waits = sorted(e["t0"] for e in ev if e["kind"] == "sleep" and e["arg"] == RETRY_S)
+            waits = sorted(e["t0"] for e in ev if e["kind"] in ("sleep", "nap") and e["arg"] == RETRY_S)
             per.append({"name": r.name, "wait": z - a, "attempts": len(waits) + 1,
                         "periods": [y - x for x, y in zip(waits, waits[1:])],
                         "probes_missed": p.count("dd_clt: no CAP found"),
@@ -141,7 +158,8 @@ def table(rows, period):
     body = [[str(r["n"]), f"{r['all']:.2f} ({r['lo']:.2f}-{r['hi']:.2f})",
              "-" if r["marginal"] is None else f"{r['marginal']:.2f}", f"{r['implied']:.2f}",
              f"{r['implied_p']:.2f}", " ".join(f"{w:.2f}" for w in r["waits"]), f"{r['refused']:g}",
-             str(r["missed"]), str(r["watchdog"]), str(r["hwm"]), f"{r['cpu']:.2f} + {r['cmd_cpu']:.2f}"] for r in rows]
+             str(r["missed"]), str(r["watchdog"]), str(r["hwm"]),
+             f"{r['cpu']:.2f} + {r['cmd_cpu']:.2f}"] for r in rows]
     return head, body
 
 
@@ -193,7 +211,11 @@ def section(ctx, rows, period, head, body):
              "runs; CAP CPU is its utime+stime from the release to the last `cap_init`, plus that of "
              "the platform commands it ran (cutime+cstime; clock ticks of 10 ms).")
     a.append("")
+    a.append(MODEL)
+    a.append("")
     a.extend(ctx["explain"])
+    a.append("")
+    a.append(NOTES)
     a.append("")
     return "\n".join(a)
 

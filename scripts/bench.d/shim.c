@@ -1,6 +1,7 @@
 /* LD_PRELOAD trace library of scripts/bench, loaded into the two daemons
- * during the pairings only: logs sleeps, popen..pclose, system, timed-out
- * select/recv with wall-clock times, and VmHWM at exit(). */
+ * during the pairings only: logs sleeps and naps, commands (popen..pclose,
+ * system, posix_spawn..waitpid), timed-out select/recv with wall-clock times,
+ * and VmHWM at exit(). */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -8,7 +9,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <poll.h>
+#include <spawn.h>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -112,6 +116,20 @@ int select(int n, fd_set *r, fd_set *w, fd_set *e, struct timeval *tv)
     return rv;
 }
 
+/* The daemon's naps (its sleeps, which a noted signal can cut short) poll
+ * the signal wake-up pipe with a time-out: one that runs out is a "nap" of
+ * its nominal length; polls on sockets (TLS waits) are not recorded. */
+int poll(struct pollfd *fds, nfds_t n, int ms)
+{
+    REAL(int, poll, struct pollfd *, nfds_t, int);
+    struct stat st;
+    double t0 = now();
+    int rv = real_poll(fds, n, ms);
+    if (rv == 0 && n == 1 && ms > 0 && fstat(fds[0].fd, &st) == 0 && S_ISFIFO(st.st_mode))
+        rec("nap", t0, now(), ms / 1e3, "");
+    return rv;
+}
+
 static void recv_note(ssize_t rv, double t0)
 {
     if (rv < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
@@ -177,5 +195,45 @@ int system(const char *cmd)
     double t0 = now();
     int rv = real_system(cmd);
     rec("system", t0, now(), 0, cmd);
+    return rv;
+}
+
+/* The daemon starts its commands with posix_spawn("/bin/sh", "-c", cmd) and
+ * reaps them with waitpid: a "spawn" span runs from the one to the other. */
+static struct { pid_t pid; double t0; char cmd[400]; } spawned[16];
+
+int posix_spawn(pid_t *pid, const char *path, const posix_spawn_file_actions_t *fa,
+                const posix_spawnattr_t *at, char *const argv[], char *const envp[])
+{
+    REAL(int, posix_spawn, pid_t *, const char *, const posix_spawn_file_actions_t *,
+         const posix_spawnattr_t *, char *const *, char *const *);
+    double t0 = now();
+    int rv = real_posix_spawn(pid, path, fa, at, argv, envp);
+    for (int i = 0; rv == 0 && pid && *pid > 0 && i < 16; i++) {
+        if (__sync_bool_compare_and_swap(&spawned[i].pid, 0, -1)) {
+            spawned[i].t0 = t0;
+            snprintf(spawned[i].cmd, sizeof(spawned[i].cmd), "%s",
+                     argv[0] && argv[1] && argv[2] ? argv[2] : path);
+            __sync_synchronize();
+            spawned[i].pid = *pid;
+            break;
+        }
+    }
+    return rv;
+}
+
+pid_t waitpid(pid_t pid, int *status, int options)
+{
+    REAL(pid_t, waitpid, pid_t, int *, int);
+    pid_t rv = real_waitpid(pid, status, options);
+    double t1 = now();
+    for (int i = 0; rv > 0 && i < 16; i++) {
+        if (spawned[i].pid == rv) {
+            rec("spawn", spawned[i].t0, t1, 0, spawned[i].cmd);
+            __sync_synchronize();
+            spawned[i].pid = 0;
+            break;
+        }
+    }
     return rv;
 }
