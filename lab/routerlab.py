@@ -212,11 +212,9 @@ class Router:
         self.lab, self.name, self.k, self.role = lab, name, k, "re" if k else "cap"
         m = "%02X" % (0x1F + k if k else 0x10)
         self.mac, self.ip = f"28:6C:07:{m}:00:01", f"192.168.77.{19 + k}"
-        self.ns = f"{lab.uniq}-{name}"
-        self.dir = os.path.join(lab.dir, name)
+        self.ns, self.dir = f"{lab.uniq}-{name}", os.path.join(lab.dir, name)
         self.root = os.path.realpath(os.path.join(self.dir, "root"))
-        self.init_pid = self.holder = None
-        self.procs = []
+        self.init_pid, self.holder, self.procs = None, None, []
         self.uci = seed_uci(self.role, m.lower())
         for k, v in (uci or {}).items():
             if v is None:   # drops an option, or a section with its options
