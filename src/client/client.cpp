@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include "conn/sockopt.h"
-#include "conn/tls.h"
 #include "platform/env.h"
 #include "platform/meshlock.h"
 #include "proto/auth.h"

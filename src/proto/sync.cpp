@@ -146,7 +146,8 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
         LOG(3, "[" ENT_FMT "] sync config success.\n", ent->name);
         switch_conning_light(1);
         LOG(3, "[" ENT_FMT "] NOTE: execute tolvaInitCap procedure ........\n", ent->name);
-        LOG(3, "[" ENT_FMT "] tolvaInitCap,macaddr: %s, 2g: %s, 5g: %s\n", ent->name, macaddr, mac2, mac5);
+        LOG(3, "[" ENT_FMT "] tolvaInitCap,macaddr: %s, 2g: %s, 5g: %s\n", ent->name, macaddr, mac2,
+            mac5);
         if (!g_dry_run) {
             disconnect_others(ent);
             tolvaInitCap(&ent->wifi_conf, macaddr, mac2, mac5, 1);
@@ -167,7 +168,8 @@ void disconnect_others(entity *keep)
         entity *ent = &ent_pool[i];
         if (ent == keep || !ent->ssl)
             continue;
-        LOG(3, "WARN: [" ENT_FMT "] direct drop connections: [" ENT_FMT "]\n", keep ? keep->name : "", ent->name);
+        LOG(3, "WARN: [" ENT_FMT "] direct drop connections: [" ENT_FMT "]\n", keep ? keep->name : "",
+            ent->name);
         if (ent->fd > 0)
             shutdown(ent->fd, SHUT_RDWR);
     }

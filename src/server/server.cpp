@@ -201,7 +201,8 @@ int32_t handle_new_connection(entity *main)
     rc = server_thread_create(&tid, server_loop, ent);
     if (rc != 0) {
         ent_hand_back(ent);
-        LOG(3, "[" ENT_FMT "] thread create for [" ENT_FMT "] failed, %s.\n", main->name, ent->name, strerror(rc));
+        LOG(3, "[" ENT_FMT "] thread create for [" ENT_FMT "] failed, %s.\n", main->name, ent->name,
+            strerror(rc));
         free_entity(ent);
         return -1;
     }
