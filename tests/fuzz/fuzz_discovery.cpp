@@ -17,6 +17,7 @@
 #include "fake_sys.h"
 #include "fuzz_common.h"
 #include "platform/meshlock.h"
+#include "util/addr.h"
 #include "util/shell.h"
 
 namespace {

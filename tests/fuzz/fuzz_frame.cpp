@@ -19,12 +19,12 @@
 
 #include "conn/entity.h"
 #include "conn/tls.h"
-#include "core/env.h"
-#include "core/flow.h"
 #include "fake_sys.h"
 #include "fuzz_common.h"
+#include "platform/env.h"
 #include "proto/frame.h"
 #include "proto/sync.h"
+#include "util/proc.h"
 
 namespace {
 
@@ -235,7 +235,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     SSL_shutdown(peer);
 
     for (int i = 0; i < FRAME_MESSAGES_MAX && ent->ssl && ent->state != ST_STOP; i++) {
-        recv_message(ent);
+        if (recv_message(ent) == SYNC_ACCEPTED)
+            sync_init_re(ent);
         drain(fds[1]);
     }
 

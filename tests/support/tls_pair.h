@@ -10,7 +10,7 @@
 
 #include "conn/entity.h"
 #include "conn/tls.h"
-#include "core/flow.h"
+#include "util/proc.h"
 
 // The context ssl_init builds for one role, detached from g_ssl_ctx.
 inline SSL_CTX *tls_role_ctx(int32_t server)

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "core/env.h"
 #include "fake_sys.h"
+#include "platform/env.h"
 #include "util/addr.h"
 #include "util/log.h"
 #include "util/shell.h"

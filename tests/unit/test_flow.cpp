@@ -10,6 +10,7 @@
 #include "core/flow.h"
 #include "fake_sys.h"
 #include "util/log.h"
+#include "util/proc.h"
 
 static int32_t parse(std::vector<const char *> args)
 {

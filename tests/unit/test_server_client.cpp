@@ -14,13 +14,15 @@
 
 #include "capture.h"
 #include "client/client.h"
+#include "conn/sockopt.h"
 #include "conn/tls.h"
-#include "core/env.h"
-#include "core/flow.h"
+#include "discovery/ddprobe.h"
 #include "fake_sys.h"
 #include "netns.h"
+#include "platform/env.h"
 #include "server/server.h"
 #include "util/log.h"
+#include "util/proc.h"
 #include "util/shell.h"
 #include "util/sig.h"
 
