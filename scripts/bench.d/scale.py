@@ -91,7 +91,8 @@ def one_run(b, n):
         cpu0 = cpu(cap.pid)
         release(lab.res)
         rcs = [p.wait(300) for p in res]
-        done = b.rl.wait_until(lambda: sum(w.startswith("cap_init") for _, w in stamps(lab.cap, b.STAMPS)) >= n, 5)
+        cap_inits = lambda: sum(w.startswith("cap_init") for _, w in stamps(lab.cap, b.STAMPS))   # noqa: E731
+        done = b.rl.wait_until(lambda: cap_inits() >= n, 5)
         cpu1, m = cpu(cap.pid), mem(cap.pid)
         cap.stop()
         if not done or rcs != [0] * n:
