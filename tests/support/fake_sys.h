@@ -4,17 +4,15 @@
 #include <string>
 #include <vector>
 
-// Installs the fake (and clears rules and records). Unmatched popen commands
-// answer with empty output.
+// Installs the fake (rules and records cleared). Unmatched popen commands answer nothing.
 void fake_sys_install(void);
 void fake_sys_uninstall(void);
-// `pattern` matches a command exactly, or as a prefix when it ends in '*'.
-// Later rules win over earlier ones.
+// `pattern` matches a command exactly, or as a prefix when it ends in '*'. Later rules win.
 void fake_sys_answer(const std::string &pattern, const std::string &output);
-// Status returned by system() from now on (the raw wait status).
-void fake_sys_system_status(int status);
-// Every command seen, in order: popen ones prefixed "popen: ", system ones "system: ".
+// The answers of a router with 2.4 GHz on wl1 (wifi2), 5 GHz on wl0 (wifi1), backhaul AP on wl5.
+void fake_sys_router(void);
+void fake_sys_system_status(int status);   // raw wait status of system() from now on
+// Every command seen, in order, prefixed "popen: " or "system: ".
 const std::vector<std::string> &fake_sys_log(void);
-// Only the system() command lines, in order.
 std::vector<std::string> fake_sys_system_cmds(void);
 bool fake_sys_ran(const std::string &cmd);

@@ -1,5 +1,5 @@
-// TLS set-up for tests: CAP and RE contexts from a throw-away self-signed
-// certificate, and a handshaken pair of entities over a socketpair (slot 1
+// TLS for tests: the daemon's own context of each role over a throw-away
+// certificate, and a handshaken pair of records over a socketpair (slot 1
 // is the CAP's peer record, slot 0 the RE's main record).
 #pragma once
 #include <stdlib.h>
@@ -12,33 +12,30 @@
 #include "conn/tls.h"
 #include "core/flow.h"
 
-// The context ssl_init builds for one role, detached from g_ssl_ctx.
 inline SSL_CTX *tls_role_ctx(int32_t server)
 {
     g_ssl_ctx = nullptr;
     g_is_server = server;
-    if (ssl_init() != 0)
-        return nullptr;
-    SSL_CTX *ctx = g_ssl_ctx;
+    SSL_CTX *ctx = ssl_init() == 0 ? g_ssl_ctx : nullptr;
     g_ssl_ctx = nullptr;
     return ctx;
 }
 
-// Writes a certificate (also the CA) and key under `dir` and points the
-// daemon's paths at them.
-inline bool tls_make_credentials(const std::string &dir)
+// Writes a certificate (also the CA) and key under `dir`, points the daemon there, makes both contexts.
+inline bool tls_setup(const std::string &dir, SSL_CTX **cap, SSL_CTX **re)
 {
     static std::string ct, ky;
     ct = dir + "/ct", ky = dir + "/ky";
-    std::string cmd = "mkdir -p " + dir + " && openssl req -x509 -newkey ec -pkeyopt "
-                      "ec_paramgen_curve:prime256v1 -nodes -days 1 -subj /CN=cap -keyout " +
-                      ky + " -out " + ct + " 2>/dev/null";
+    std::string cmd = "mkdir -p " + dir + " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
+                      "-nodes -days 1 -subj /CN=cap -keyout " + ky + " -out " + ct + " 2>/dev/null";
     certfile = cafile = ct.c_str();
     keyfile = ky.c_str();
-    return system(cmd.c_str()) == 0;
+    if (system(cmd.c_str()) != 0)
+        return false;
+    *cap = tls_role_ctx(1), *re = tls_role_ctx(0);
+    return *cap && *re;
 }
 
-// A peer record at the CAP and the RE's main record, handshake done.
 inline bool tls_connect_pair(SSL_CTX *cap_ctx, SSL_CTX *re_ctx, entity **cap, entity **re)
 {
     int fds[2];
@@ -50,6 +47,7 @@ inline bool tls_connect_pair(SSL_CTX *cap_ctx, SSL_CTX *re_ctx, entity **cap, en
     g_is_server = 0;
     g_ssl_ctx = re_ctx;
     *re = main_ent = new_entity("RE", fds[1], 1);
+    g_ssl_ctx = nullptr;
     if (!*cap || !*re)
         return false;
     change_state(*cap, ST_TCP_DONE);
@@ -59,5 +57,5 @@ inline bool tls_connect_pair(SSL_CTX *cap_ctx, SSL_CTX *re_ctx, entity **cap, en
     int32_t accepted = ssl_accept(*cap);
     t.join();
     change_state(*re, ST_SSL_DONE);
-    return accepted == 0 && rc == 1;
+    return accepted == 0 && rc == 1 && (*cap)->state == ST_SSL_DONE;
 }

@@ -225,16 +225,51 @@ TEST(Client, WatchdogHandlerOnlyCutsTheSocketTheLoopRunsTheTimeout)
     close(sv[1]);
 }
 
+TEST(Server, CleanupReleasesEverySlot)
+{
+    reset(1);
+    current = 100;
+    fake_sys_install();
+    int other[ENT_POOL_SIZE];
+    for (int i = 0; i < ENT_POOL_SIZE; i++) {
+        int sv[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
+        other[i] = sv[1];
+        entity *e = new_entity(i ? "peer" : "CAP", sv[0], i == 0);
+        ASSERT_EQ(&ent_pool[i], e);
+        if (!i)
+            main_ent = e;
+    }
+    cleanup_mesh_cable();
+    char c;
+    for (int i = 0; i < ENT_POOL_SIZE; i++) {
+        EXPECT_EQ(nullptr, ent_pool[i].ssl) << i;
+        EXPECT_EQ(0, recv(other[i], &c, 1, 0)) << i;   // closed
+        close(other[i]);
+    }
+    EXPECT_EQ(0, g_srving_cnt);
+    EXPECT_EQ(nullptr, g_ssl_ctx);
+    fake_sys_uninstall();
+}
+
 TEST(Client, BadTargetsReleaseEverything)
 {
     reset(0);
     fake_sys_install();
     fake_sys_answer("ifconfig eth4 |grep -o \"HWaddr*", "AA:BB:CC:DD:EE:FF\n");
+    EXPECT_EQ(-1, start_mesh_client(nullptr, "", ""));
+    EXPECT_EQ(-1, start_mesh_client(nullptr, "", nullptr));
     std::string out = captured(stderr, [] { EXPECT_EQ(-1, start_mesh_client(nullptr, "", "300.1.2.x")); });
     EXPECT_STREQ("AA:BB:CC:DD:EE:FF", g_macaddr);   // refreshed from the WAN port
     EXPECT_TRUE(Has(out, "[RE] inet_aton(300.1.2.x) failed,"));
     EXPECT_EQ(nullptr, ent_pool[0].ssl);   // freed
     EXPECT_EQ(0, g_timer_flag);           // and the watchdog stopped
     EXPECT_EQ(0u, alarm(0));
+    SSL_CTX *ctx = g_ssl_ctx;
+    g_ssl_ctx = nullptr;   // no context: the set-up fails, nothing is taken
+    EXPECT_EQ(-1, start_mesh_client(nullptr, "", "127.0.0.1"));
+    EXPECT_EQ(nullptr, ent_pool[0].ssl);
+    EXPECT_EQ(0, g_timer_flag);
+    g_ssl_ctx = ctx;
     fake_sys_uninstall();
 }
