@@ -11,10 +11,13 @@ std::vector<std::pair<std::string, std::string>> rules;   // pattern, output
 std::vector<std::string> seen;
 std::deque<std::string> buffers;   // fmemopen keeps pointers into these
 int sys_status;
+std::function<void(const std::string &)> hook;
 
 FILE *fake_popen(const char *cmd, const char *)
 {
     seen.push_back(std::string("popen: ") + cmd);
+    if (hook)
+        hook(cmd);
     for (auto it = rules.rbegin(); it != rules.rend(); ++it) {
         const std::string &pat = it->first;
         bool prefix = !pat.empty() && pat.back() == '*';
@@ -33,6 +36,8 @@ int fake_pclose(FILE *fp) { return fclose(fp); }
 int fake_system(const char *cmd)
 {
     seen.push_back(std::string("system: ") + cmd);
+    if (hook)
+        hook(cmd);
     return sys_status;
 }
 
@@ -43,11 +48,13 @@ void fake_sys_install(void)
 {
     rules.clear(), seen.clear(), buffers.clear();
     sys_status = 0;
+    hook = nullptr;
     sys_set_ops(&fake_ops);
 }
 
 void fake_sys_uninstall(void) { sys_set_ops(nullptr); }
 void fake_sys_answer(const std::string &pattern, const std::string &output) { rules.push_back({pattern, output}); }
+void fake_sys_hook(std::function<void(const std::string &)> h) { hook = h; }
 void fake_sys_system_status(int status) { sys_status = status; }
 const std::vector<std::string> &fake_sys_log(void) { return seen; }
 

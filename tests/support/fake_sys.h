@@ -1,6 +1,7 @@
 // Test double for the shell seam: records every command line the daemon
 // would run and answers popen() from canned outputs.
 #pragma once
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,8 @@ void fake_sys_uninstall(void);
 void fake_sys_answer(const std::string &pattern, const std::string &output);
 // The answers of a router with 2.4 GHz on wl1 (wifi2), 5 GHz on wl0 (wifi1), backhaul AP on wl5.
 void fake_sys_router(void);
+// Called with every command line before it is answered (may add rules); empty: none.
+void fake_sys_hook(std::function<void(const std::string &)> hook);
 void fake_sys_system_status(int status);   // raw wait status of system() from now on
 // Every command seen, in order, prefixed "popen: " or "system: ".
 const std::vector<std::string> &fake_sys_log(void);
