@@ -10,7 +10,10 @@
 #include <vector>
 
 #include "conn/sockopt.h"
+#include "discovery/ddprobe.h"
 #include "discovery/ddsock.h"
+#include "platform/meshlock.h"
+#include "util/shell.h"
 #include "netns.h"
 #include "util/log.h"
 
@@ -66,6 +69,35 @@ TEST(Discovery, RawFrameParsing)
             ASSERT_EQ(0x5a, buf[i]) << "written behind the payload, frame of " << flen;
     }
     EXPECT_EQ(-1, dd_parse_raw_frame(frame("hi").data(), 44, nullptr, 64));
+}
+
+// The responder answers a request (the magic, NUL not compared) with its magic, its address and a NUL,
+// unless a pairing holds the mesh lock; the probe takes the address out of an answer.
+TEST(Discovery, RequestAnswerAndMatch)
+{
+    unlink(MESH_LOCK_FILE);
+    const struct { const char *req, *ip; int len; } cases[] = {
+        {"KORVANE_RE_DDv1.0", "192.168.77.1", 31}, {"KORVANE_RE_DDv1.0more", "", 19}, {"KORVANE_RE_DDv1.1", "1.2.3.4", -1},
+        {"KORVANE_RE_DDv1.", "1.2.3.4", -1}};
+    for (const auto &c : cases) {
+        char buf[DD_RAW_BUF + 1] = {0}, ip[16];
+        strcpy(buf, c.req);
+        ASSERT_EQ(c.len, dd_srv_handle(buf, sizeof(buf), c.ip)) << c.req;
+        if (c.len < 0)
+            continue;
+        EXPECT_EQ(std::string("KORVANE_CAP_DDv1.0") + c.ip, buf);
+        EXPECT_EQ(0, buf[c.len]);
+        memset(ip, 'z', sizeof(ip));
+        ASSERT_EQ(0, dd_clt_match(buf, ip));
+        EXPECT_STREQ(c.ip, ip);
+        buf[17] = '1';
+        EXPECT_EQ(-1, dd_clt_match(buf, ip));
+    }
+    std::string now = std::to_string(uptime());
+    f_string_write(MESH_LOCK_FILE, now.c_str(), (uint32_t)now.size());
+    char buf[DD_RAW_BUF + 1] = "KORVANE_RE_DDv1.0";
+    EXPECT_EQ(-1, dd_srv_handle(buf, sizeof(buf), "1.2.3.4"));
+    unlink(MESH_LOCK_FILE);
 }
 
 TEST(Discovery, UdpAndRawSocketsOverLoopback)
