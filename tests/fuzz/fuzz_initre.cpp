@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "fake_sys.h"
-#include "fuzz_common.h"
+#include "util/log.h"
 #include "platform/meshinit.h"
 #include "platform/wificonf.h"
 #include "util/shell.h"
@@ -59,12 +59,6 @@ int check_command(const std::string &cmd)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz_setup_platform();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size > 4096)
@@ -74,6 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     size_t n = size < sizeof(cfg) ? size : sizeof(cfg);
     memcpy(&cfg, data, n);
     std::string extra((const char *)data + n, size - n);   // as the RE hands it on: terminated
+    log_mode = LOG_MODE_STDERR;
     fake_sys_install();
     int rc = tolvaInitRe(&cfg, extra.c_str(), 1);
     size_t scripts = 0;

@@ -47,8 +47,7 @@ const sys_ops fake_ops = {fake_popen, fake_pclose, fake_system};
 void fake_sys_install(void)
 {
     rules.clear(), seen.clear(), buffers.clear();
-    sys_status = 0;
-    hook = nullptr;
+    sys_status = 0, hook = nullptr;
     sys_set_ops(&fake_ops);
 }
 
@@ -70,15 +69,13 @@ void fake_sys_router(void)
         {"uci -q get wireless.wifi1.sae_password", "sae-secret-5\n"},
         {"uci -q get wireless.bh_ap.ssid", "KvMesh_0a1b2c3d\n"}, {"uci -q get wireless.bh_ap.key", "00112233445566ff\n"},
         {"uci -q get misc.wireless.if_2G", "wifi2\n"}, {"uci -q get misc.wireless.if_5G", "wifi1\n"},
-        {"uci -q get wireless.wifi2.macaddr", "28:6c:07:11:22:33\n"},
-        {"uci -q get wireless.wifi1.macaddr", "28:6c:07:11:22:34\n"},
+        {"uci -q get wireless.wifi2.macaddr", "28:6c:07:11:22:33\n"}, {"uci -q get wireless.wifi1.macaddr", "28:6c:07:11:22:34\n"},
         {"mesh_tool initbuf 2>/dev/null", "{\"mesh\":{\"id\":\"0a1b\"}}"}};
     for (const auto &a : answers)
         fake_sys_answer(a[0], a[1]);
-    const char *const sections[][2] = {{"wl1", "wifi2"}, {"wl0", "wifi1"}, {"wl5", "bh_ap"}};
-    for (const auto &s : sections)
-        fake_sys_answer(std::string("uci show wireless | grep -w \"ifname='") + s[0] + "'\" | cut -d '.' -f1-2",
-                        std::string("wireless.") + s[1] + "\n");
+    for (const char *s : {"wl1wifi2", "wl0wifi1", "wl5bh_ap"})
+        fake_sys_answer(std::string("uci show wireless | grep -w \"ifname='") + std::string(s, 3) + "'\" | cut -d '.' -f1-2",
+                        std::string("wireless.") + (s + 3) + "\n");
 }
 
 std::vector<std::string> fake_sys_system_cmds(void)
