@@ -184,6 +184,23 @@ TEST_F(Proto, EveryStateAgainstEveryMessage)
         }
 }
 
+// The CAP takes TLS 1.2 with an AEAD suite, and refuses older versions and SHA-MAC suites.
+TEST_F(Proto, CapTlsPolicy)
+{
+    const struct { int max; const char *ciphers; bool ok; } cases[] = {
+        {TLS1_2_VERSION, "ECDHE-ECDSA-AES256-GCM-SHA384", true}, {TLS1_1_VERSION, "ALL", false},
+        {TLS1_2_VERSION, "ECDHE-ECDSA-AES128-SHA:ECDHE-ECDSA-AES256-SHA:ECDHE-ECDSA-AES128-SHA256", false}};
+    for (const auto &c : cases) {
+        SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
+        SSL_CTX_set_security_level(ctx, 0);
+        SSL_CTX_set_max_proto_version(ctx, c.max);
+        SSL_CTX_set_cipher_list(ctx, c.ciphers);
+        EXPECT_EQ(c.ok, tls_connect_pair(srv_ctx, ctx, &cap, &re)) << c.ciphers;
+        TearDown();
+        SSL_CTX_free(ctx);
+    }
+}
+
 TEST_F(Proto, BodyLengthLimitHeaderAndCheckAuth)
 {
     // A request padded to the largest body is read whole and taken; one byte more is refused unread.
