@@ -1,5 +1,5 @@
 // Replays files through a fuzz target without libFuzzer: every argument is a
-// file or a directory whose regular files (sorted) are each one input.
+// file or a directory whose files (sorted) are each one input.
 #include <dirent.h>
 #include <stdio.h>
 
@@ -25,16 +25,12 @@ int main(int argc, char **argv)
     std::sort(files.begin(), files.end());
     for (const auto &f : files) {
         FILE *fp = fopen(f.c_str(), "rb");
-        if (!fp)
-            return fprintf(stderr, "replay: cannot read %s\n", f.c_str()), 1;
-        std::vector<uint8_t> data;
-        for (int c; (c = fgetc(fp)) != EOF;)
+        std::vector<uint8_t> data;   // exact size: an over-read is caught under ASan
+        for (int c; fp && (c = fgetc(fp)) != EOF;)
             data.push_back((uint8_t)c);
-        fclose(fp);
-        fprintf(stderr, "replay: %s (%zu bytes)\n", f.c_str(), data.size());
-        // An exact-size copy, so that an over-read past the input is caught under ASan.
-        std::vector<uint8_t> copy(data);
-        LLVMFuzzerTestOneInput(copy.empty() ? nullptr : copy.data(), copy.size());
+        if (!fp || fclose(fp) != 0)
+            return fprintf(stderr, "replay: cannot read %s\n", f.c_str()), 1;
+        LLVMFuzzerTestOneInput(data.empty() ? nullptr : data.data(), data.size());
     }
     fprintf(stderr, "replay: %zu inputs done\n", files.size());
     return files.empty();
