@@ -12,14 +12,19 @@
 
 #include <string>
 
+#include "client/client.h"
 #include "core/env.h"
+#include "discovery/ddsock.h"
+#include "platform/meshinit.h"
 #include "fake_sys.h"
 #include "proto/auth.h"
 #include "proto/frame.h"
 #include "proto/sync.h"
 #include "tls_pair.h"
 #include "util/codec.h"
+#include "util/addr.h"
 #include "util/log.h"
+#include "util/shell.h"
 
 // The command readers wait for slow output; fake_sys answers at once.
 extern "C" int usleep(useconds_t) { return 0; }
@@ -181,6 +186,37 @@ TEST_F(Proto, CapTlsPolicy)
         TearDown();
         SSL_CTX_free(ctx);
     }
+}
+
+// Every entry refuses a call with exactly one missing or out-of-range argument.
+TEST_F(Proto, EntriesRefuseBadArguments)
+{
+    connect_pair();
+    uint8_t b[64] = {0};
+    char t[64] = "x";
+    int p = 0;
+    entity nossl{};
+    nossl.fd = cap->fd;
+    WiFiConfig cfg{};
+    g_is_server = 1;
+    const int32_t rcs[] = {
+        process_sync_req(nullptr, b), process_sync_req(re, nullptr), process_sync_reply(nullptr, b),
+        process_sync_reply(cap, nullptr), process_auth_req(nullptr, b), process_auth_req(cap, nullptr),
+        process_auth_reply(nullptr, b), process_auth_reply(cap, nullptr), send_sync_reply(nullptr, 1, ""),
+        send_auth_reply(nullptr, 1, ""), send_auth_req(nullptr), send_mesh_conf(nullptr), ssl_accept(nullptr),
+        ssl_accept(&nossl), entity_read_write(nullptr, 1, b, 4), entity_read_write(&nossl, 1, b, 4),
+        entity_read_write(cap, 1, nullptr, 4), check_auth(cap, nullptr, 14, "p", 1), check_auth(cap, "i", 0, "p", 1),
+        check_auth(cap, "i", 1, nullptr, 1), check_auth(cap, "i", 1, "p", 0), client_connect(nullptr, "1.2.3.4"),
+        client_connect(&nossl, "1.2.3.4"), dd_send_msg(-1, "", 9, b, 1), dd_send_msg(cap->fd, "", 9, nullptr, 1),
+        dd_recv_msg(-1, t, &p, b, 4), dd_recv_msg(cap->fd, t, &p, nullptr, 4), dd_recv_msg(cap->fd, t, &p, b, -1),
+        dd_recv_raw_msg(-1, b, 4), dd_recv_raw_msg(cap->fd, nullptr, 4), dd_recv_raw_msg(cap->fd, b, -1),
+        dd_parse_raw_frame(nullptr, 64, b, 4), dd_parse_raw_frame(b, -1, b, 4), dd_parse_raw_frame(b, 64, b, -1),
+        tolva_exec_cmd(nullptr, t, 9), tolva_exec_cmd("true", nullptr, 9), getWifiMac(nullptr, 0), getWifiMac(t, -1),
+        getWifiMac(t, 3), tolvaInitCap(nullptr, "m", "a", "b", 1), tolvaInitCap(&cfg, nullptr, "a", "b", 1),
+        tolvaInitRe(nullptr, "", 1), tolva_derive_mac(nullptr, 1, t), tolva_derive_mac("zz", 1, t)};
+    for (size_t i = 0; i < sizeof(rcs) / sizeof(rcs[0]); i++)
+        EXPECT_EQ(-1, rcs[i]) << "call " << i;
+    EXPECT_EQ(ST_SSL_DONE, cap->state);   // untouched
 }
 
 TEST_F(Proto, BodyLengthLimitHeaderAndCheckAuth)
