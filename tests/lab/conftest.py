@@ -24,27 +24,18 @@ def lab_session():
 
 @pytest.fixture
 def make_lab():
-    """make_lab(uplink="static"|"dhcp"|None, cap_uci=..., re_uci=..., re_lan_ip=...) -> an
-    up Lab (routerlab.Lab takes the keywords); all are torn down after the test."""
+    """make_lab(uplink="static"|"dhcp"|None, **routerlab.Lab keywords) -> an up Lab, torn down after the test."""
     labs = []
 
     def make(uplink="static", **kw):
         labs.append(routerlab.Lab(**kw))
         labs[-1].up()
-        if uplink == "static":
-            labs[-1].static_uplink()
-        elif uplink == "dhcp":
-            labs[-1].dhcp_uplink()
+        getattr(labs[-1], f"{uplink}_uplink", lambda: None)()
         return labs[-1]
 
     yield make
     for lab in labs:
         lab.down()
-
-
-@pytest.fixture
-def lab(make_lab):
-    return make_lab()
 
 
 @pytest.fixture

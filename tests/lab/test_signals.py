@@ -57,29 +57,24 @@ def test_cap_stops_cleanly_on_signals_in_every_phase(make_lab, plaitd_bin):
     lab.cap.write("/lab/ans/mesh_setup.sh", "sleep 0.5\n")   # a signal can land while cap_init runs
     lab.cap.plaitd("-h").wait(5)   # puts the binary in place
     rng, bad, n = random.Random(11), [], max(10, int(200 * SCALE))
-    peers = {"hostile_hello": lambda: job(lab.re, HOSTILE, "plans", {"plans": [["half", [
-                 ["hello_part", rng.choice([0.3, 0.7, 1.0])], ["closed", 5]]]]}),
-             "tls": lambda: job(lab.re, PEER, "re", [["sleep", {"s": 5}]], {}),
-             "auth": lambda: job(lab.re, PEER, "re", HONEST, {}), "cap_init": lambda: job(lab.re, PEER, "re", HONEST, {})}
-    marks = {"hostile_hello": "incoming peer", "tls": "incoming peer", "auth": f"[{P}]: ST_TCP_DONE -> ST_SSL_DONE",
-             "cap_init": "NOTE: execute tolvaInitCap"}
+    phases = {"idle": None, "hostile_hello": (HOSTILE, "plans", "incoming peer"), "tls": (PEER, "re", "incoming peer"),
+              "auth": (PEER, "re", f"[{P}]: ST_TCP_DONE -> ST_SSL_DONE"), "cap_init": (PEER, "re", "NOTE: execute tolvaInitCap")}
     for i in range(n):
-        phase = ("idle", "hostile_hello", "tls", "auth", "cap_init")[i % 5]
+        phase = list(phases)[i % 5]
         cap = lab.cap.spawn(["/usr/sbin/plaitd", "-S", "-o", "-i", "br-lan"], "plaitd")
         assert routerlab.wait_until(lambda: LISTENING in cap.err(), 10, step=0.002), cap.log()[-2000:]
-        peer = peers[phase]() if phase in peers else None
-        if peer:
-            routerlab.wait_until(lambda: marks[phase] in cap.err(), 10, step=0.002)
+        peer = None
+        if phases[phase]:
+            prog, cmd, mark = phases[phase]
+            steps = {"hostile_hello": {"plans": [["half", [["hello_part", rng.choice([0.3, 0.7, 1.0])], ["closed", 5]]]]},
+                     "tls": [["sleep", {"s": 5}]]}.get(phase, HONEST)
+            peer = job(lab.re, prog, cmd, steps) if prog == HOSTILE else job(lab.re, prog, cmd, steps, {})
+            routerlab.wait_until(lambda: mark in cap.err(), 10, step=0.002)
         time.sleep(rng.uniform(0, 0.3 if phase in ("idle", "cap_init") else 0.02))
         stop_and_check(lab.cap, cap, (15, 2)[i % 2], bad)
         if peer:
             peer.kill()
     assert not bad, (len(bad), bad[:3])
-
-
-def re_lan(lab):
-    out = subprocess.run(["ip", "-n", lab.re.ns, "-4", "-o", "addr", "show", "br-lan"], capture_output=True, text=True)
-    return lab.re.sh("uci -q get network.lan.ipaddr", check=False).stdout.strip(), re.findall(r"inet ([\d.]+)/", out.stdout)
 
 
 def test_re_stops_cleanly_on_signals_in_every_phase(make_lab, plaitd_bin):
@@ -99,8 +94,10 @@ def test_re_stops_cleanly_on_signals_in_every_phase(make_lab, plaitd_bin):
             paired += 1   # paired before the signal: not a signal case
         else:
             signals += 1
-            if re_lan(lab) != (FACTORY, [FACTORY]):   # the clean-up puts the LAN address back
-                bad.append(("lan", re_lan(lab), re_.log()[-1500:]))
+            out = subprocess.run(["ip", "-n", lab.re.ns, "-4", "-o", "addr", "show", "br-lan"], capture_output=True, text=True)
+            lan = lab.re.sh("uci -q get network.lan.ipaddr").stdout.strip(), re.findall(r"inet ([\d.]+)/", out.stdout)
+            if lan != (FACTORY, [FACTORY]):   # the clean-up puts the LAN address back
+                bad.append(("lan", lan, re_.log()[-1500:]))
         lab.re.sh(f"uci -q set network.lan.ipaddr={FACTORY}; uci commit network; ifconfig br-lan {FACTORY}")
         if busy and os.path.exists(lab.cap.path(LOCK)):
             os.unlink(lab.cap.path(LOCK))
