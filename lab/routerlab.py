@@ -50,6 +50,8 @@ R=$1
 for d in usr/lib usr/lib64; do mount --bind -o ro /$d "$R/$d"; done
 V=usr/libexec/valgrind   # only routers built for valgrind have it
 if [ -d "$R/$V" ]; then mount --bind -o ro /$V "$R/$V"; fi
+G=${PLAITD_GCOV_DIR:-}   # a coverage build: the daemon adds its counts to its .gcda files
+if [ -n "$G" ]; then mkdir -p "$R$G"; mount --bind "$G" "$R$G"; fi
 for d in null zero full random urandom; do mount --bind /dev/$d "$R/dev/$d"; done
 mount -t proc proc "$R/.kproc"
 mount -t sysfs sysfs "$R/sys" 2>/dev/null || true

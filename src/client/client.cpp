@@ -8,15 +8,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "conn/tls.h"
-#include "core/env.h"
-#include "core/flow.h"
-#include "discovery/ddprobe.h"
+#include "conn/sockopt.h"
+#include "platform/env.h"
 #include "platform/meshlock.h"
 #include "proto/auth.h"
 #include "proto/frame.h"
-#include "server/server.h"
+#include "proto/sync.h"
+#include "util/addr.h"
 #include "util/log.h"
+#include "util/proc.h"
 #include "util/sig.h"
 
 int32_t g_timer_flag = 0;
@@ -64,7 +64,7 @@ int32_t client_connect(entity *ent, const char *cap_ip)
         return -1;
     }
     if (!cap_ip || !cap_ip[0]) {
-        LOG(3, "[%.64s] target srv is invalid.\n", ent->name);
+        LOG(3, "[" ENT_FMT "] target srv is invalid.\n", ent->name);
         return -1;
     }
 
@@ -72,13 +72,13 @@ int32_t client_connect(entity *ent, const char *cap_ip)
     sa.sin_family = AF_INET;
     sa.sin_port = htons(MESH_PORT);
     if (inet_aton(cap_ip, &sa.sin_addr) == 0) {
-        LOG(3, "[%.64s] inet_aton(%s) failed, %s.\n", ent->name, cap_ip, strerror(errno));
+        LOG(3, "[" ENT_FMT "] inet_aton(%s) failed, %s.\n", ent->name, cap_ip, strerror(errno));
         goto fail;
     }
     rc = connect(ent->fd, (struct sockaddr *)&sa, sizeof(sa));
     sig_safe_point();   // a stop or the watchdog may have cut it short
     if (rc != 0) {
-        LOG(3, "[%.64s] connect(%s) failed, %s.\n", ent->name, cap_ip, strerror(errno));
+        LOG(3, "[" ENT_FMT "] connect(%s) failed, %s.\n", ent->name, cap_ip, strerror(errno));
         goto fail;
     }
     change_state(ent, ST_TCP_DONE);
@@ -86,7 +86,7 @@ int32_t client_connect(entity *ent, const char *cap_ip)
     rc = SSL_connect(ent->ssl);
     sig_safe_point();
     if (rc != 1) {
-        LOG(3, "[%.64s] ssl connect failed: %d.\n", ent->name, SSL_get_error(ent->ssl, rc));
+        LOG(3, "[" ENT_FMT "] ssl connect failed: %d.\n", ent->name, SSL_get_error(ent->ssl, rc));
         goto fail;
     }
     change_state(ent, ST_SSL_DONE);
@@ -121,8 +121,13 @@ void client_loop(void)
         return;
     }
     LOG(3, "client thread %s start..., locked time %d\n", name, (int)MESH_LOCK_LIFE);
-    while (main_ent && main_ent->ssl && main_ent->state != ST_STOP)
-        recv_message(main_ent);
+    while (main_ent && main_ent->ssl && main_ent->state != ST_STOP) {
+        if (recv_message(main_ent) != SYNC_ACCEPTED)
+            continue;
+        // The exchange is over: the watchdog must not cut into the platform scripts.
+        client_close_timer();
+        sync_init_re(main_ent);
+    }
     stop = 1;
     tolvaRemoveMeshLock();
     LOG(3, "client thread %s stop..., unlocked\n", name);
@@ -178,29 +183,4 @@ int32_t client_timer_expired(void)
     if (main_ent->ssl)
         entity_disconnect(main_ent);
     return 1;
-}
-
-int32_t init_mesh_cable(void)
-{
-    return ssl_init();
-}
-
-enum { PEER_STOP_WAIT_MS = 1000 };
-
-void cleanup_mesh_cable(void)
-{
-    LOG(3, "cleanup cable-mesh resources before exit.\n");
-    __atomic_store_n(&stop, 1, __ATOMIC_RELAXED);
-    // Peer threads own their records: tell them to stop and give them a
-    // moment to release their sessions before the context goes.
-    server_stop_peers();
-    for (int i = 0; i < PEER_STOP_WAIT_MS / 10 && ent_live_threads() > 0; i++)
-        usleep(10000);
-    for (int i = ENT_POOL_SIZE - 1; i >= 1; i--)
-        free_entity(&ent_pool[i]);
-    if (main_ent)
-        free_entity(main_ent);
-    switch_conning_light(0);
-    tolvaRemoveMeshLock();
-    ssl_uninit();
 }

@@ -1,4 +1,4 @@
-// The RE's pairing attempt, its watchdog, and set-up/tear-down of both roles.
+// The RE's pairing attempt and its watchdog.
 #pragma once
 #include <stdint.h>
 
@@ -16,5 +16,3 @@ void client_close_timer(void);
 void client_free_connect(int sig);   // the SIGALRM handler: cuts the socket
 // Runs the time-out path once the alarm has fired (main thread); 1 = it ran.
 int32_t client_timer_expired(void);
-int32_t init_mesh_cable(void);
-void cleanup_mesh_cable(void);

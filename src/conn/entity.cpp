@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include "conn/tls.h"
-#include "core/flow.h"
 #include "util/codec.h"
 #include "util/log.h"
+#include "util/proc.h"
 #include "util/sig.h"
 
 entity ent_pool[ENT_POOL_SIZE];
@@ -24,7 +24,7 @@ void change_state(entity *ent, int32_t state)
 {
     if (!ent)
         return;
-    LOG(3, "[%.64s]: %s -> %s \n", ent->name, ENT_STATUS_STR[ent->state], ENT_STATUS_STR[state]);
+    LOG(3, "[" ENT_FMT "]: %s -> %s \n", ent->name, ENT_STATUS_STR[ent->state], ENT_STATUS_STR[state]);
     ent->state = state;
 }
 
@@ -236,15 +236,15 @@ void free_entity_lock(entity *ent, int32_t take_lock)
     }
 
     if (ent == main_ent)
-        LOG(3, "[%.64s] freeing main entity\n", ent->name);
+        LOG(3, "[" ENT_FMT "] freeing main entity\n", ent->name);
     else
-        LOG(3, "freeing entity [%.64s] at slot[%d]\n", ent->name, ent->slot);
+        LOG(3, "freeing entity [" ENT_FMT "] at slot[%d]\n", ent->name, ent->slot);
     change_state(ent, ST_STOP);
 
     if (ent->ssl) {
-        LOG(3, "[%.64s] ssl shutdown and free.\n", ent->name);
+        LOG(3, "[" ENT_FMT "] ssl shutdown and free.\n", ent->name);
         int ret = SSL_shutdown(ent->ssl);
-        LOG(3, "[%.64s] ssl_shutdown code: %d \n", ent->name, ret);
+        LOG(3, "[" ENT_FMT "] ssl_shutdown code: %d \n", ent->name, ret);
         SSL_clear(ent->ssl);
         SSL_free(ent->ssl);
         ent->ssl = nullptr;
@@ -254,7 +254,7 @@ void free_entity_lock(entity *ent, int32_t take_lock)
         ent_release_share_locked(slot_of(ent), slots[slot_of(ent)].gen);
     disconnect_locked(ent);
 
-    LOG(3, "[%.64s] memset entity at pool[%d]\n", ent->name, ent->slot);
+    LOG(3, "[" ENT_FMT "] memset entity at pool[%d]\n", ent->name, ent->slot);
     memset(ent, 0, sizeof(*ent));
 
     if (take_lock == 1)
@@ -271,11 +271,11 @@ void free_entity(entity *ent)
 static void disconnect_locked(entity *ent)
 {
     if (ent->ssl) {
-        LOG(3, "[%.64s] SSL_shutdown to peer.\n", ent->name);
+        LOG(3, "[" ENT_FMT "] SSL_shutdown to peer.\n", ent->name);
         SSL_shutdown(ent->ssl);
     }
     if (ent->fd >= 0) {
-        LOG(3, "[%.64s] disconnect to peer, close fd %d \n", ent->name, ent->fd);
+        LOG(3, "[" ENT_FMT "] disconnect to peer, close fd %d \n", ent->name, ent->fd);
         // The RE's watchdog must not cut a number that is closed (and may be reused).
         if (ent->fd == g_sig_cut_fd)
             g_sig_cut_fd = -1;

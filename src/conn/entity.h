@@ -18,6 +18,9 @@ enum ent_state : int32_t {
 
 enum { ENT_POOL_SIZE = 8 };
 
+// How log texts print an entity's name: at most the 64 bytes of the field.
+#define ENT_FMT "%.64s"
+
 struct entity {
     char name[64];
     char id[16];

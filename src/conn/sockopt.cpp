@@ -1,12 +1,18 @@
-// Descriptor options shared by the TCP and discovery sockets.
+// Descriptor options shared by the TCP and discovery sockets, and the main
+// TCP socket of either role.
 #include "conn/sockopt.h"
 
+#include <arpa/inet.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "conn/entity.h"
+#include "conn/tls.h"
 #include "util/log.h"
 
 void dd_destory_sockfd(int32_t *fd)
@@ -65,4 +71,73 @@ int32_t set_fd_keepalive(int32_t fd)
     }
     LOG(3, "fd: %d set fd keepalive done.\n", fd);
     return 0;
+}
+
+int32_t setup_service(const char *name, const char *ifname, const char *ip, uint16_t port)
+{
+    (void)ifname;
+    int32_t fd;
+    int on = 1;
+    struct sockaddr_in sa;
+
+    if (!g_ssl_ctx || !name)
+        return -1;
+
+    fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) {
+        LOG(3, "sock create failed.\n");
+        goto fail;
+    }
+    set_fd_flag(fd, 1);
+    if (set_fd_keepalive(fd) != 0) {
+        LOG(3, "[%s] set sock fd keepalive failed.\n", name);
+        dd_destory_sockfd(&fd);
+        goto fail;
+    }
+
+    main_ent = new_entity(name, fd, 1);
+    if (!main_ent) {
+        LOG(3, "new main entity failed. \n");
+        dd_destory_sockfd(&fd);
+        goto fail;
+    }
+
+    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
+        LOG(3, "SO_REUSEADDR failed. %s .\n", strerror(errno));
+        dd_destory_sockfd(&fd);
+        goto fail;
+    }
+
+    // The RE connects from whatever address and port the kernel picks.
+    if ((!ip || !ip[0]) && port == 0)
+        return 0;
+
+    memset(&sa, 0, sizeof(sa));
+    sa.sin_family = AF_INET;
+    LOG(3, "bind address:\n");
+    if (ip && ip[0]) {
+        sa.sin_addr.s_addr = inet_addr(ip);
+        LOG(3, "local address: %s\n", ip);
+    } else {
+        sa.sin_addr.s_addr = htonl(INADDR_ANY);
+        LOG(3, "local address: ANY\n");
+    }
+    if (port) {
+        sa.sin_port = htons(port);
+        LOG(3, "local port: %d\n", (int)port);
+    } else {
+        sa.sin_port = 0;
+        LOG(3, "local port: ANY\n");
+    }
+    if (bind(main_ent->fd, (struct sockaddr *)&sa, sizeof(sa)) == 0) {
+        LOG(3, "bind local addr successful.\n");
+        return 0;
+    }
+    LOG(3, "bind local ip: %s failed. %s .\n", ip ? ip : "", strerror(errno));
+    dd_destory_sockfd(&fd);
+
+fail:
+    if (main_ent)
+        free_entity(main_ent);
+    return -1;
 }

@@ -6,8 +6,9 @@
 #include <poll.h>
 #include <time.h>
 
-#include "core/flow.h"
 #include "util/log.h"
+#include "util/proc.h"
+#include "util/sig.h"
 
 SSL_CTX *g_ssl_ctx;
 const char *certfile = "/tmp/mq/cc/veltrasso_ct";
@@ -115,7 +116,7 @@ int32_t ssl_accept(entity *ent)
     if (!ent || !ent->ssl)
         return -1;
     if (ent->state != ST_TCP_DONE) {
-        LOG(3, "[%.64s] in wrong status: %d \n", ent->name, ent->state);
+        LOG(3, "[" ENT_FMT "] in wrong status: %d \n", ent->name, ent->state);
         return 0;
     }
 
@@ -124,12 +125,12 @@ int32_t ssl_accept(entity *ent)
     int64_t deadline = now_ms() + SSL_ACCEPT_TIMEOUT * 1000;
     int fd = ent->fd;
     if (fd <= 0 || !wait_fd(fd, 0, deadline - now_ms())) {
-        LOG(3, "[%.64s] ssl handshake timeout 30s after TCP handshake.\n", ent->name);
+        LOG(3, "[" ENT_FMT "] ssl handshake timeout 30s after TCP handshake.\n", ent->name);
         free_entity(ent);
         return -1;
     }
 
-    LOG(3, "[%.64s] SSL_accept()....\n", ent->name);
+    LOG(3, "[" ENT_FMT "] SSL_accept()....\n", ent->name);
     set_blocking(fd, 0);
     int rc, timed_out = 0;
     for (;;) {
@@ -152,10 +153,10 @@ int32_t ssl_accept(entity *ent)
         return 0;
     }
     if (timed_out) {
-        LOG(3, "[%.64s] ssl handshake timeout 30s after TCP handshake.\n", ent->name);
+        LOG(3, "[" ENT_FMT "] ssl handshake timeout 30s after TCP handshake.\n", ent->name);
     } else {
         const char *reason = ERR_reason_error_string(ERR_get_error());
-        LOG(3, "[%.64s] ssl accept failed: %s\n", ent->name, reason ? reason : "(null)");
+        LOG(3, "[" ENT_FMT "] ssl accept failed: %s\n", ent->name, reason ? reason : "(null)");
     }
     free_entity(ent);
     return -1;
@@ -174,7 +175,7 @@ int32_t entity_read_write(entity *ent, int32_t is_read, uint8_t *buf, uint32_t l
     if (ret > 0)
         return ret;
     if (ret == 0) {
-        LOG(3, "INF: peer [%.64s] read EOF. disconnecting...\n", ent->name);
+        LOG(3, "INF: peer [" ENT_FMT "] read EOF. disconnecting...\n", ent->name);
         free_entity(ent);
         return -1;
     }

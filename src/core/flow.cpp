@@ -5,17 +5,19 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <poll.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "client/client.h"
 #include "conn/entity.h"
-#include "core/env.h"
+#include "conn/tls.h"
 #include "discovery/ddprobe.h"
+#include "platform/env.h"
+#include "platform/meshlock.h"
+#include "proto/sync.h"
 #include "server/server.h"
 #include "util/addr.h"
 #include "util/log.h"
+#include "util/proc.h"
 #include "util/sig.h"
 #include "util/sys.h"
 
@@ -109,12 +111,11 @@ static void sig_stop_now(int sig)
     exit(-1);
 }
 
-void sig_safe_point(void)
+// What the main thread's safe points run (see sig_safe_point): a stop runs
+// the clean-up and exits 255, SIGUSR1 refreshes the RE's addresses, an
+// expired RE watchdog runs its time-out path.
+static void flow_signals(void)
 {
-    static int32_t busy;
-    if (!sig_on_main() || busy)
-        return;
-    busy = 1;
     if (g_sig_stop)
         sig_stop_now(g_sig_stop);
     if (g_sig_usr1) {
@@ -133,29 +134,6 @@ void sig_safe_point(void)
     }
     if (!g_is_server)
         client_timer_expired();
-    busy = 0;
-}
-
-void nap_ms(int32_t ms)
-{
-    int fd = sig_wake_fd();
-    if (fd < 0) {
-        usleep((useconds_t)ms * 1000);
-        return;
-    }
-    struct timespec t0, t;
-    clock_gettime(CLOCK_MONOTONIC, &t0);
-    for (;;) {
-        clock_gettime(CLOCK_MONOTONIC, &t);
-        int64_t left = ms - ((int64_t)(t.tv_sec - t0.tv_sec) * 1000 + (t.tv_nsec - t0.tv_nsec) / 1000000);
-        if (left <= 0)
-            break;
-        struct pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, (int)left) > 0)
-            sig_drain();
-        sig_safe_point();
-    }
-    sig_safe_point();
 }
 
 // A text test of "same /24": the common prefix must pass exactly three dots.
@@ -170,9 +148,34 @@ int32_t capip_ip_compare(const char *a, const char *b)
     return dots == 3 ? 0 : 1;
 }
 
+int32_t init_mesh_cable(void)
+{
+    return ssl_init();
+}
+
+enum { PEER_STOP_WAIT_MS = 1000 };
+
+void cleanup_mesh_cable(void)
+{
+    LOG(3, "cleanup cable-mesh resources before exit.\n");
+    __atomic_store_n(&stop, 1, __ATOMIC_RELAXED);
+    // Peer threads own their records: tell them to stop and give them a
+    // moment to release their sessions before the context goes.
+    server_stop_peers();
+    for (int i = 0; i < PEER_STOP_WAIT_MS / 10 && ent_live_threads() > 0; i++)
+        usleep(10000);
+    for (int i = ENT_POOL_SIZE - 1; i >= 1; i--)
+        free_entity(&ent_pool[i]);
+    if (main_ent)
+        free_entity(main_ent);
+    switch_conning_light(0);
+    tolvaRemoveMeshLock();
+    ssl_uninit();
+}
+
 static void install_signals(void)
 {
-    sig_install(sig_handler);
+    sig_install(sig_handler, flow_signals);
 }
 
 int32_t cap_flow(void)
@@ -249,38 +252,52 @@ static int32_t re_attempt(void)
 
 enum re_step { RE_NEXT, RE_DONE, RE_RESTART };
 
+// The clash path: an attempt with br-lan moved to the uplink address, put
+// back when it fails. A CAP outside the uplink's /24 restarts the discovery.
+static re_step re_try_moved(int32_t *last)
+{
+    LOG(3, "NOTE: !!! br-lan and wan gateway ip are same: %s, change ip to %s\n", g_gw_srv_ip,
+        g_local_wan_ip);
+    re_set_lan_ip(g_local_wan_ip);
+    nap_ms(100);
+    *last = re_attempt();
+    if (*last == 0) {
+        re_lan_moved = 0;   // paired: the new address stays
+        LOG(3, "RE cab mesh init done. exit.\n");
+        return RE_DONE;
+    }
+    LOG(3, "NOTE: !!! restore br-lan ip to origin ip-addr.\n");
+    re_set_lan_ip(g_default_lan_ip);
+    if (capip_ip_compare(g_cap_ip, g_local_wan_ip) == 0)
+        return RE_NEXT;
+    sys_system("killall -9 udhcpc");
+    nap_ms(5000);
+    return RE_RESTART;
+}
+
+// One attempt of a ready RE; `last` keeps the client result.
+static re_step re_try(int32_t *last)
+{
+    re_step step = RE_NEXT;
+    if (re_clash())
+        step = re_try_moved(last);
+    else
+        *last = re_attempt();
+    if (step == RE_NEXT && g_is_success) {
+        LOG(3, "Success, Cons, Enjoy!!!!!!!!!!!!\n");
+        step = RE_DONE;
+    }
+    return step;
+}
+
 // One pass of the pairing loop; `last` keeps the latest client result.
 static re_step re_pair_once(int32_t *last)
 {
     if (re_initted())
         return RE_DONE;
-    if (re_ready()) {
-        if (!re_clash()) {
-            *last = re_attempt();
-        } else {
-            LOG(3, "NOTE: !!! br-lan and wan gateway ip are same: %s, change ip to %s\n", g_gw_srv_ip,
-                g_local_wan_ip);
-            re_set_lan_ip(g_local_wan_ip);
-            nap_ms(100);
-            *last = re_attempt();
-            if (*last == 0) {
-                re_lan_moved = 0;   // paired: the new address stays
-                LOG(3, "RE cab mesh init done. exit.\n");
-                return RE_DONE;
-            }
-            LOG(3, "NOTE: !!! restore br-lan ip to origin ip-addr.\n");
-            re_set_lan_ip(g_default_lan_ip);
-            if (capip_ip_compare(g_cap_ip, g_local_wan_ip) != 0) {
-                sys_system("killall -9 udhcpc");
-                nap_ms(5000);
-                return RE_RESTART;
-            }
-        }
-        if (g_is_success) {
-            LOG(3, "Success, Cons, Enjoy!!!!!!!!!!!!\n");
-            return RE_DONE;
-        }
-    }
+    re_step step = re_ready() ? re_try(last) : RE_NEXT;
+    if (step != RE_NEXT)
+        return step;
     nap_ms(3000);
     // A finished attempt without success (a dry run) ends the process quietly.
     return *last == 0 ? RE_DONE : RE_NEXT;

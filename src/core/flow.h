@@ -2,17 +2,12 @@
 #pragma once
 #include <stdint.h>
 
-extern int32_t g_is_server;       // 1 = CAP, 0 = RE
-extern int32_t g_dry_run;         // 1 = pair but hand nothing to the platform
 extern int32_t g_exit_timeout;    // value of -t; accepted, read by nothing
 extern char g_ifname[16];
 extern char g_cap_ip[16];
 extern char g_gw_srv_ip[16];
 extern char g_local_wan_ip[16];
 extern int32_t g_retry_flag;
-extern int32_t g_is_success;
-extern int32_t ip_changed;
-extern int32_t stop;
 extern const char *const g_default_lan_ip;   // "192.168.77.1"
 
 enum { PLAITD_PARSE_RUN = 0, PLAITD_PARSE_EXIT_OK = 1, PLAITD_PARSE_EXIT_BAD = -1 };
@@ -22,15 +17,12 @@ void usage(void);
 int32_t parse_args(int argc, char **argv);
 // Notes the signal and wakes the main thread (async-signal-safe).
 void sig_handler(int sig);
-// Acts on noted signals; does nothing off the main thread. Called where the
-// main thread holds no lock and is inside no TLS call: a stop runs the
-// clean-up and exits 255, SIGUSR1 refreshes the RE's addresses, an expired
-// RE watchdog runs its time-out path.
-void sig_safe_point(void);
-// Sleeps ms milliseconds, acting on signals as they arrive.
-void nap_ms(int32_t ms);
 int32_t capip_ip_compare(const char *a, const char *b);
 int32_t cap_flow(void);
 int32_t re_flow(void);
+// Set-up and tear-down of both roles: the TLS context; the peers, records,
+// light, mesh lock and context at the end.
+int32_t init_mesh_cable(void);
+void cleanup_mesh_cable(void);
 // The whole process: what main() returns.
 int plaitd_main(int argc, char **argv);

@@ -1,5 +1,4 @@
-// Discovery: the CAP's responder thread, the RE's probe, and the interface
-// address queries both of them use.
+// Discovery: the CAP's responder thread and the RE's probe.
 #include "discovery/ddprobe.h"
 
 #include <pthread.h>
@@ -7,12 +6,14 @@
 #include <string.h>
 
 #include "conn/sockopt.h"
-#include "core/flow.h"
 #include "discovery/ddsock.h"
 #include "platform/meshlock.h"
+#include "util/addr.h"
 #include "util/log.h"
-#include "util/shell.h"
+#include "util/proc.h"
 #include "util/sig.h"
+
+int32_t ip_changed = 0;
 
 namespace {
 
@@ -21,7 +22,7 @@ constexpr int RE_MAGIC_LEN = 17;    // the NUL is not compared
 constexpr int CAP_MAGIC_LEN = 18;
 
 // Sender on the LAN address (kernel-chosen port, broadcast on) and the
-// receiver on 0.0.0.0:19553. Both or neither.
+// receiver on 0.0.0.0 at the discovery port. Both or neither.
 int32_t srv_open_sockets(const char *local_ip, int32_t *sender, int32_t *recver)
 {
     *sender = dd_create_sockfd(local_ip, 0, 1);
@@ -35,40 +36,7 @@ int32_t srv_open_sockets(const char *local_ip, int32_t *sender, int32_t *recver)
     return 0;
 }
 
-int32_t iface_query(const char *cmd_fmt, const char *ifname, char *out, int len)
-{
-    if (!ifname || !out || len <= 0)
-        return -1;
-    char cmd[256];
-    char result[2048];
-    memset(result, 0, sizeof(result));
-    snprintf(cmd, sizeof(cmd), cmd_fmt, ifname);
-    if (tolva_exec_cmd(cmd, result, 1024) != 0 || !result[0])
-        return -1;
-    strncpy(out, str_trim(result), (size_t)len);
-    out[len - 1] = '\0';
-    return 0;
-}
-
 }  // namespace
-
-int get_iface_ip(const char *ifname, char *out, int len)
-{
-    if (iface_query("ifconfig %s |grep -o \"inet addr:[0-9.]*\"|awk -F: '{print $2}'", ifname, out,
-                    len) != 0)
-        return -1;
-    LOG(3, "get_iface_ip: [%s] = [%s]\n", ifname, out);
-    return 0;
-}
-
-int get_iface_mac(const char *ifname, char *out, int len)
-{
-    if (iface_query("ifconfig %s |grep -o \"HWaddr [0-9A-Z.:]*\"|awk '{print $2}'", ifname, out,
-                    len) != 0)
-        return -1;
-    LOG(3, "get_iface_mac: [%s] = [%s]\n", ifname, out);
-    return 0;
-}
 
 int dd_srv_handle(char *buf, int size, const char *local_ip)
 {

@@ -1,5 +1,6 @@
-// Discovery responder (CAP) and probe (RE), and interface address queries.
+// Discovery responder (CAP) and probe (RE).
 #pragma once
+#include <stdint.h>
 
 #define DD_RE_MAGIC "KORVANE_RE_DDv1.0"    // 17 characters + NUL are sent
 #define DD_CAP_MAGIC "KORVANE_CAP_DDv1.0"  // 18 characters, then the address
@@ -14,5 +15,5 @@ int dd_srv_handle(char *buf, int size, const char *local_ip);
 int dd_clt_match(const char *buf, char *cap_ip);
 void *dd_srv_loop(void *ifname);
 int dd_clt_probe(const char *ifname, char *cap_ip);
-int get_iface_ip(const char *ifname, char *out, int len);
-int get_iface_mac(const char *ifname, char *out, int len);
+// Set by the responder when the CAP's address changed: the server restarts.
+extern int32_t ip_changed;

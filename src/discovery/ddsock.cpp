@@ -19,18 +19,22 @@
 
 namespace {
 
-// Keeps UDP traffic from or to port 19553: IPv6, or IPv4 when the fragment
-// offset is zero (later fragments carry no UDP header). The socket is opened
-// for IPv4 only, so the IPv6 branch never matches; it stays as it is.
+// The port as the filter compares it: a 16-bit word in host order.
+constexpr uint32_t DD_FILTER_PORT = MESH_PORT;
+static_assert(DD_FILTER_PORT > 0 && DD_FILTER_PORT <= 0xffff, "a UDP port is 16 bits");
+
+// Keeps UDP traffic from or to the discovery port: IPv6, or IPv4 when the
+// fragment offset is zero (later fragments carry no UDP header). The socket is
+// opened for IPv4 only, so the IPv6 branch never matches; it stays as it is.
 constexpr sock_filter dd_filter[] = {
     {0x28, 0, 0, 0x0000000c},   // EtherType
     {0x15, 0, 6, 0x000086dd},   // IPv6?
     {0x30, 0, 0, 0x00000014},   // IPv6 next header
     {0x15, 0, 15, 0x00000011},  // UDP?
     {0x28, 0, 0, 0x00000036},   // source port
-    {0x15, 12, 0, 0x00004c61},
+    {0x15, 12, 0, DD_FILTER_PORT},
     {0x28, 0, 0, 0x00000038},   // destination port
-    {0x15, 10, 11, 0x00004c61},
+    {0x15, 10, 11, DD_FILTER_PORT},
     {0x15, 0, 10, 0x00000800},  // IPv4?
     {0x30, 0, 0, 0x00000017},   // IPv4 protocol
     {0x15, 0, 8, 0x00000011},   // UDP?
@@ -38,9 +42,9 @@ constexpr sock_filter dd_filter[] = {
     {0x45, 6, 0, 0x00001fff},   // not the first fragment: drop
     {0xb1, 0, 0, 0x0000000e},   // X = IPv4 header length
     {0x48, 0, 0, 0x0000000e},   // source port
-    {0x15, 2, 0, 0x00004c61},
+    {0x15, 2, 0, DD_FILTER_PORT},
     {0x48, 0, 0, 0x00000010},   // destination port
-    {0x15, 0, 1, 0x00004c61},
+    {0x15, 0, 1, DD_FILTER_PORT},
     {0x06, 0, 0, 0x00040000},   // accept
     {0x06, 0, 0, 0x00000000},   // drop
 };

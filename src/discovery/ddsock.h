@@ -2,7 +2,9 @@
 #pragma once
 #include <stdint.h>
 
-enum { DD_PORT = 19553, DD_RAW_BUF = 2048, DD_MIN_FRAME = 34 };
+#include "conn/sockopt.h"
+
+enum { DD_PORT = MESH_PORT, DD_RAW_BUF = 2048, DD_MIN_FRAME = 34 };
 #define DD_BROADCAST_IP "255.255.255.255"
 
 int set_fd_timeout(int fd, int seconds, int milliseconds);

@@ -3,13 +3,13 @@
 
 #include <string.h>
 
-#include "core/env.h"
-#include "core/flow.h"
+#include "platform/env.h"
 #include "proto/frame.h"
 #include "proto/sync.h"
 #include "util/addr.h"
 #include "util/codec.h"
 #include "util/log.h"
+#include "util/proc.h"
 
 // A request body with room for terminators behind its unterminated fields.
 struct auth_req_text {
@@ -71,7 +71,7 @@ int32_t send_auth_req(entity *ent)
         ent->mac2, ent->mac5);
     if (send_message(ent, MSG_AUTH_REQ, (const uint8_t *)&req, (int32_t)sizeof(req)) > 0)
         return 0;
-    LOG(3, "[%.64s] send_auth_req failed.\n", ent->name);
+    LOG(3, "[" ENT_FMT "] send_auth_req failed.\n", ent->name);
     return -1;
 }
 
@@ -81,7 +81,7 @@ int32_t send_auth_reply(entity *ent, uint8_t code, const char *text)
         return -1;
     if (send_reply(ent, MSG_AUTH_REPLY, code, text) > 0)
         return 0;
-    LOG(3, "[%.64s] send_auth_reply failed.\n", ent->name);
+    LOG(3, "[" ENT_FMT "] send_auth_reply failed.\n", ent->name);
     return -1;
 }
 
@@ -99,7 +99,7 @@ int32_t process_auth_req(entity *ent, const uint8_t *body)
             reason = "in wrong status.";
             goto fail;
         }
-        LOG(3, "INF: get auth %s/%s from [%.64s]\n", req.id, req.pass, ent->name);
+        LOG(3, "INF: get auth %s/%s from [" ENT_FMT "]\n", req.id, req.pass, ent->name);
         if (check_auth(ent, req.id, (int32_t)strlen(req.id), req.pass, (int32_t)strlen(req.pass)) != 0) {
             reason = "account/pass invalid.";
             goto fail;
@@ -129,7 +129,7 @@ int32_t process_auth_req(entity *ent, const uint8_t *body)
 fail:
     send_auth_reply(ent, REPLY_FAIL, reason);
     report_status("%s=%s:%d", "mesh.re.conn.fail", "AUTH_FAILED", 1);
-    LOG(3, "%.64s auth failed. disconnect.\n", ent->name);
+    LOG(3, ENT_FMT " auth failed. disconnect.\n", ent->name);
     free_entity(ent);
     return -1;
 }
@@ -146,11 +146,11 @@ int32_t process_auth_reply(entity *ent, const uint8_t *body)
     text[sizeof(reply.text)] = 0;
 
     if (ent->state != ST_AUTH_SENT) {
-        LOG(3, "[%.64s] get auth reply in wrong status: %d \n", ent->name, ent->state);
+        LOG(3, "[" ENT_FMT "] get auth reply in wrong status: %d \n", ent->name, ent->state);
         goto fail;
     }
     if (reply.code != REPLY_OK) {
-        LOG(3, "[%.64s] get wrong reply with [%d:%s]\n", ent->name, reply.code, text);
+        LOG(3, "[" ENT_FMT "] get wrong reply with [%d:%s]\n", ent->name, reply.code, text);
         goto fail;
     }
 
@@ -163,13 +163,13 @@ int32_t process_auth_reply(entity *ent, const uint8_t *body)
     if (send_mesh_conf(ent) == 0)
         return 0;
     report_status("%s=%s:%d", "mesh.re.conn.fail", "SYNC_FAILED", 1);
-    LOG(3, "%.64s send sync conf falied. disconnect.\n", ent->name);
+    LOG(3, ENT_FMT " send sync conf falied. disconnect.\n", ent->name);
     free_entity(ent);
     return -1;
 
 fail:
     report_status("%s=%s:%d", "mesh.re.conn.fail", "AUTH_FAILED", 1);
-    LOG(3, "%.64s auth reply failed. disconnect.\n", ent->name);
+    LOG(3, ENT_FMT " auth reply failed. disconnect.\n", ent->name);
     free_entity(ent);
     return -1;
 }

@@ -42,4 +42,6 @@ int32_t send_message(entity *ent, uint16_t type, const uint8_t *body, int32_t bo
 int32_t send_reply(entity *ent, uint16_t type, uint8_t code, const char *text);
 // Bounded copy into a zeroed field; a text that fills it stays unterminated.
 void msg_put_text(char *dst, const char *src, size_t max);
+// Reads one frame and hands it to its handler: 0, SYNC_ACCEPTED (see
+// process_sync_req), or -1 with the record released.
 int32_t recv_message(entity *ent);

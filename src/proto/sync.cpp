@@ -4,18 +4,24 @@
 #include <string.h>
 #include <sys/socket.h>
 
-#include "client/client.h"
-#include "core/env.h"
-#include "core/flow.h"
+#include "platform/env.h"
 #include "platform/meshinit.h"
 #include "proto/frame.h"
 #include "util/log.h"
+#include "util/proc.h"
 #include "util/shell.h"
 
 char g_locate[64] = "default";
+int32_t g_is_success = 0;
 
 enum { INITBUF_SIZE = 1024 };
 
+// The configuration the RE accepted, kept from process_sync_req until
+// sync_init_re applies it. Only the RE's main thread touches it.
+static struct {
+    WiFiConfig conf;
+    char text[MSG_BUF_SIZE - SYNC_TEXT_OFFSET + 1];
+} accepted;
 
 int32_t send_mesh_conf(entity *ent)
 {
@@ -26,16 +32,10 @@ int32_t send_mesh_conf(entity *ent)
         return -1;
     }
 
-    // getCmdResultSlow looks at the byte before the buffer when the command
-    // prints nothing, so the buffer sits behind a zero byte.
-    struct {
-        char guard;
-        char text[INITBUF_SIZE];
-    } out;
-    memset(&out, 0, sizeof(out));
-    char *ext = out.text;
+    char ext[INITBUF_SIZE];
+    memset(ext, 0, sizeof(ext));
     if (!getCmdResultSlow(MESH_INITBUF_CMD, ext, INITBUF_SIZE - 1) || ext[0] == 0) {
-        LOG(3, "[%.64s] mesh_ops.sh initbuf failed.\n", ent->name);
+        LOG(3, "[" ENT_FMT "] mesh_ops.sh initbuf failed.\n", ent->name);
         return -1;
     }
     if (g_locate[0] != 0) {
@@ -44,7 +44,7 @@ int32_t send_mesh_conf(entity *ent)
         memcpy(ent->wifi_conf.locale, g_locate, len);
         ent->wifi_conf.locale[len] = 0;
     }
-    LOG(3, "[%.64s] send config with ext-jsonBuf: [%s]\n", ent->name, ext);
+    LOG(3, "[" ENT_FMT "] send config with ext-jsonBuf: [%s]\n", ent->name, ext);
 
     // Record, then the text and its terminator. A text too long for one
     // frame is refused by send_message.
@@ -56,7 +56,7 @@ int32_t send_mesh_conf(entity *ent)
     memcpy(body + SYNC_TEXT_OFFSET, ext, n);
     if (send_message(ent, MSG_SYNC_REQ, body, (int32_t)body_len) > 0)
         return 0;
-    LOG(3, "[%.64s] send_mesh_conf failed.\n", ent->name);
+    LOG(3, "[" ENT_FMT "] send_mesh_conf failed.\n", ent->name);
     return -1;
 }
 
@@ -65,30 +65,33 @@ int32_t process_sync_req(entity *ent, const uint8_t *body)
     if (!ent || !body)
         return -1;
     // The text may run to the end of the receive buffer; keep a terminated copy.
-    char text[MSG_BUF_SIZE - SYNC_TEXT_OFFSET + 1];
-    memset(text, 0, sizeof(text));
-    msg_put_text(text, (const char *)body + SYNC_TEXT_OFFSET, sizeof(text) - 1);
-    WiFiConfig conf;
-    memcpy(&conf, body, sizeof(conf));
+    char *text = accepted.text;
+    memset(text, 0, sizeof(accepted.text));
+    msg_put_text(text, (const char *)body + SYNC_TEXT_OFFSET, sizeof(accepted.text) - 1);
+    memcpy(&accepted.conf, body, sizeof(accepted.conf));
 
     if (text[0] == 0) {
         send_sync_reply(ent, REPLY_FAIL, "read jsonBuf with NULL.");
         return -1;
     }
     if (send_sync_reply(ent, REPLY_OK, "recv config sync correctly.\n") != 0) {
-        LOG(3, "[%.64s] send_sync_reply to peer failed. donot to init CAP/RE\n", ent->name);
+        LOG(3, "[" ENT_FMT "] send_sync_reply to peer failed. donot to init CAP/RE\n", ent->name);
         return -1;
     }
     // Close before the platform scripts run: they may restart the network.
     entity_disconnect(ent);
-    client_close_timer();
+    return SYNC_ACCEPTED;
+}
 
+int32_t sync_init_re(entity *ent)
+{
+    const char *text = accepted.text;
     switch_conning_light(2);
-    LOG(3, "[%.64s] NOTE: execute tolvaInitRE procedure ........\n", ent->name);
-    LOG(3, "[%.64s] initRE json: [%s] \n", ent->name, text);
+    LOG(3, "[" ENT_FMT "] NOTE: execute tolvaInitRE procedure ........\n", ent->name);
+    LOG(3, "[" ENT_FMT "] initRE json: [%s] \n", ent->name, text);
     if (!g_dry_run) {
-        if (tolvaInitRe(&conf, text, 1) != 0)
-            LOG(3, "[%.64s] init RE failed, need reset.\n", ent->name);
+        if (tolvaInitRe(&accepted.conf, text, 1) != 0)
+            LOG(3, "[" ENT_FMT "] init RE failed, need reset.\n", ent->name);
         // Counted as paired even when the script reported failure.
         g_is_success = 1;
     }
@@ -104,7 +107,7 @@ int32_t send_sync_reply(entity *ent, uint8_t code, const char *text)
         return -1;
     if (send_reply(ent, MSG_SYNC_REPLY, code, text) > 0)
         return 0;
-    LOG(3, "[%.64s] send_sync_reply failed.\n", ent->name);
+    LOG(3, "[" ENT_FMT "] send_sync_reply failed.\n", ent->name);
     return -1;
 }
 
@@ -115,7 +118,7 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
     // Only a peer that has completed the mutual authentication may answer
     // the configuration; from any other it is a message in the wrong state.
     if (ent->state != ST_RUNNING) {
-        LOG(3, "[%.64s] get sync reply in wrong status: %d \n", ent->name, ent->state);
+        LOG(3, "[" ENT_FMT "] get sync reply in wrong status: %d \n", ent->name, ent->state);
         return -1;
     }
     // Whatever the answer, this peer's session is over.
@@ -129,7 +132,7 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
 
     if (reply.code != REPLY_OK) {
         report_status("%s=%s:%d", "mesh.re.conn.fail", "SYNC_FAILED", 1);
-        LOG(3, "[%.64s] sync config rejected: [%d:%s] .\n", ent->name, reply.code, text);
+        LOG(3, "[" ENT_FMT "] sync config rejected: [%d:%s] .\n", ent->name, reply.code, text);
     } else {
         // Terminated copies: a full 19-byte MAC field carries no terminator.
         char macaddr[sizeof(ent->macaddr) + 1], mac2[sizeof(ent->mac2) + 1], mac5[sizeof(ent->mac5) + 1];
@@ -140,10 +143,11 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
         msg_put_text(mac2, ent->mac2, sizeof(ent->mac2));
         msg_put_text(mac5, ent->mac5, sizeof(ent->mac5));
 
-        LOG(3, "[%.64s] sync config success.\n", ent->name);
+        LOG(3, "[" ENT_FMT "] sync config success.\n", ent->name);
         switch_conning_light(1);
-        LOG(3, "[%.64s] NOTE: execute tolvaInitCap procedure ........\n", ent->name);
-        LOG(3, "[%.64s] tolvaInitCap,macaddr: %s, 2g: %s, 5g: %s\n", ent->name, macaddr, mac2, mac5);
+        LOG(3, "[" ENT_FMT "] NOTE: execute tolvaInitCap procedure ........\n", ent->name);
+        LOG(3, "[" ENT_FMT "] tolvaInitCap,macaddr: %s, 2g: %s, 5g: %s\n", ent->name, macaddr, mac2,
+            mac5);
         if (!g_dry_run) {
             disconnect_others(ent);
             tolvaInitCap(&ent->wifi_conf, macaddr, mac2, mac5, 1);
@@ -164,7 +168,8 @@ void disconnect_others(entity *keep)
         entity *ent = &ent_pool[i];
         if (ent == keep || !ent->ssl)
             continue;
-        LOG(3, "WARN: [%.64s] direct drop connections: [%.64s]\n", keep ? keep->name : "", ent->name);
+        LOG(3, "WARN: [" ENT_FMT "] direct drop connections: [" ENT_FMT "]\n", keep ? keep->name : "",
+            ent->name);
         if (ent->fd > 0)
             shutdown(ent->fd, SHUT_RDWR);
     }

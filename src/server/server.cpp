@@ -13,11 +13,12 @@
 
 #include "conn/sockopt.h"
 #include "conn/tls.h"
-#include "core/flow.h"
 #include "discovery/ddprobe.h"
 #include "platform/meshlock.h"
 #include "proto/frame.h"
+#include "util/addr.h"
 #include "util/log.h"
+#include "util/proc.h"
 #include "util/shell.h"
 #include "util/sig.h"
 
@@ -87,82 +88,13 @@ int32_t start_mesh_server(const char *ifname, const char *ip)
     return 0;
 }
 
-int32_t setup_service(const char *name, const char *ifname, const char *ip, uint16_t port)
-{
-    (void)ifname;
-    int32_t fd;
-    int on = 1;
-    struct sockaddr_in sa;
-
-    if (!g_ssl_ctx || !name)
-        return -1;
-
-    fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) {
-        LOG(3, "sock create failed.\n");
-        goto fail;
-    }
-    set_fd_flag(fd, 1);
-    if (set_fd_keepalive(fd) != 0) {
-        LOG(3, "[%s] set sock fd keepalive failed.\n", name);
-        dd_destory_sockfd(&fd);
-        goto fail;
-    }
-
-    main_ent = new_entity(name, fd, 1);
-    if (!main_ent) {
-        LOG(3, "new main entity failed. \n");
-        dd_destory_sockfd(&fd);
-        goto fail;
-    }
-
-    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
-        LOG(3, "SO_REUSEADDR failed. %s .\n", strerror(errno));
-        dd_destory_sockfd(&fd);
-        goto fail;
-    }
-
-    // The RE connects from whatever address and port the kernel picks.
-    if ((!ip || !ip[0]) && port == 0)
-        return 0;
-
-    memset(&sa, 0, sizeof(sa));
-    sa.sin_family = AF_INET;
-    LOG(3, "bind address:\n");
-    if (ip && ip[0]) {
-        sa.sin_addr.s_addr = inet_addr(ip);
-        LOG(3, "local address: %s\n", ip);
-    } else {
-        sa.sin_addr.s_addr = htonl(INADDR_ANY);
-        LOG(3, "local address: ANY\n");
-    }
-    if (port) {
-        sa.sin_port = htons(port);
-        LOG(3, "local port: %d\n", (int)port);
-    } else {
-        sa.sin_port = 0;
-        LOG(3, "local port: ANY\n");
-    }
-    if (bind(main_ent->fd, (struct sockaddr *)&sa, sizeof(sa)) == 0) {
-        LOG(3, "bind local addr successful.\n");
-        return 0;
-    }
-    LOG(3, "bind local ip: %s failed. %s .\n", ip ? ip : "", strerror(errno));
-    dd_destory_sockfd(&fd);
-
-fail:
-    if (main_ent)
-        free_entity(main_ent);
-    return -1;
-}
-
 int32_t server_listening(entity *main)
 {
     if (!main || !main->ssl || main->fd < 0)
         return -1;
 
     if (listen(main->fd, SERVER_BACKLOG) == -1) {
-        LOG(3, "[%.64s] listen() failed, %s.\n", main->name, strerror(errno));
+        LOG(3, "[" ENT_FMT "] listen() failed, %s.\n", main->name, strerror(errno));
         free_entity(main);
         return -1;
     }
@@ -180,7 +112,7 @@ int32_t server_listening(entity *main)
         int wfd = sig_wake_fd();
 
         if (main->fd < 0) {
-            LOG(3, "[%.64s] no any valid fd for select(). exit server_loop. \n", main->name);
+            LOG(3, "[" ENT_FMT "] no any valid fd for select(). exit server_loop. \n", main->name);
             break;
         }
         FD_ZERO(&rfds);
@@ -194,7 +126,7 @@ int32_t server_listening(entity *main)
         if (n < 0 && errno == EINTR)
             n = 0;
         if (n < 0) {
-            LOG(3, "[%.64s] select() failed, %s.\n", main->name, strerror(errno));
+            LOG(3, "[" ENT_FMT "] select() failed, %s.\n", main->name, strerror(errno));
             free_entity(main);
             return -1;
         }
@@ -229,12 +161,12 @@ int32_t handle_new_connection(entity *main)
 
     nfd = accept(main->fd, (struct sockaddr *)&peer, &plen);
     if (nfd < 0) {
-        LOG(3, "[%.64s] accept() failed, %s.\n", main->name, strerror(errno));
+        LOG(3, "[" ENT_FMT "] accept() failed, %s.\n", main->name, strerror(errno));
         return -1;
     }
     set_fd_flag(nfd, 1);
     if (set_fd_keepalive(nfd) != 0) {
-        LOG(3, "[%.64s] set sock fd keepalive failed.\n", main->name);
+        LOG(3, "[" ENT_FMT "] set sock fd keepalive failed.\n", main->name);
         dd_destory_sockfd(&nfd);
         return -1;
     }
@@ -242,13 +174,13 @@ int32_t handle_new_connection(entity *main)
 
     // One pairing at a time: a second RE is told to come back later.
     pthread_mutex_lock(&lock);
-    if (g_srving_cnt > 0) {
+    if (g_srving_cnt >= OVERLOAD_THRESHOLD) {
         LOG(3, "WARN: Cap overload threshold: %d. reject [%s] serving , need try again.\n",
             (int)OVERLOAD_THRESHOLD, pname);
         dd_destory_sockfd(&nfd);
         for (int i = 1; i < ENT_POOL_SIZE; i++) {
             if (ent_pool[i].start_ts)
-                LOG(3, "[%.64s] is alive, fd: %d.\n", ent_pool[i].name, ent_pool[i].fd);
+                LOG(3, "[" ENT_FMT "] is alive, fd: %d.\n", ent_pool[i].name, ent_pool[i].fd);
         }
         pthread_mutex_unlock(&lock);
         return 0;
@@ -260,7 +192,7 @@ int32_t handle_new_connection(entity *main)
         dd_destory_sockfd(&nfd);
         return -1;
     }
-    LOG(3, "incoming peer: %.64s with fd: %d\n", ent->name, nfd);
+    LOG(3, "incoming peer: " ENT_FMT " with fd: %d\n", ent->name, nfd);
     change_state(ent, ST_TCP_DONE);
 
     // From here the record is the new thread's; it is created detached, with
@@ -269,11 +201,12 @@ int32_t handle_new_connection(entity *main)
     rc = server_thread_create(&tid, server_loop, ent);
     if (rc != 0) {
         ent_hand_back(ent);
-        LOG(3, "[%.64s] thread create for [%.64s] failed, %s.\n", main->name, ent->name, strerror(rc));
+        LOG(3, "[" ENT_FMT "] thread create for [" ENT_FMT "] failed, %s.\n", main->name, ent->name,
+            strerror(rc));
         free_entity(ent);
         return -1;
     }
-    LOG(3, "new thread %d for [%.64s] create done. \n", (int)tid, pname);
+    LOG(3, "new thread %d for [" ENT_FMT "] create done. \n", (int)tid, pname);
     return 0;
 }
 
@@ -301,7 +234,7 @@ void check_connection_timeout(void)
         // Uptime below the start stamp cannot happen for a live session:
         // drop the peer rather than trust the stamp.
         if (now < ent->start_ts || now - ent->start_ts >= SERVING_TIMEOUT) {
-            LOG(3, "[%.64s] serving time: %d too long > timeout: %d, disconnect it, current ts: %d .\n",
+            LOG(3, "[" ENT_FMT "] serving time: %d too long > timeout: %d, disconnect it, current ts: %d .\n",
                 ent->name, (int)(now - ent->start_ts), (int)SERVING_TIMEOUT, (int)current);
             // The slot's share and the mesh lock go now, so that the next RE
             // is served even when this peer's thread hangs (in cap_init, say);

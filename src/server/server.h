@@ -6,12 +6,11 @@
 
 #include "conn/entity.h"
 
-enum { MESH_PORT = 19553, SERVER_BACKLOG = 10, OVERLOAD_THRESHOLD = 1, SERVING_TIMEOUT = 120 };
+enum { SERVER_BACKLOG = 10, OVERLOAD_THRESHOLD = 1, SERVING_TIMEOUT = 120 };
 
 extern struct timeval conn_duration[2];
 
 int32_t start_mesh_server(const char *ifname, const char *ip);
-int32_t setup_service(const char *name, const char *ifname, const char *ip, uint16_t port);
 int32_t server_listening(entity *main);
 int32_t handle_new_connection(entity *main);
 void check_connection_timeout(void);

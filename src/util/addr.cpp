@@ -1,5 +1,5 @@
 // Address queries: the uplink gateway file left by the platform's DHCP
-// client, and the Wi-Fi MAC address of one band.
+// client, the Wi-Fi MAC address of one band, and an interface's addresses.
 #include "util/addr.h"
 
 #include <errno.h>
@@ -93,5 +93,38 @@ int32_t getWifiMac(char *out, int32_t band)
     const char *nl = strchr(mac, '\n');
     if (nl)
         memcpy(out, mac, (size_t)(nl - mac));
+    return 0;
+}
+
+static int32_t iface_query(const char *cmd_fmt, const char *ifname, char *out, int len)
+{
+    if (!ifname || !out || len <= 0)
+        return -1;
+    char cmd[256];
+    char result[2048];
+    memset(result, 0, sizeof(result));
+    snprintf(cmd, sizeof(cmd), cmd_fmt, ifname);
+    if (tolva_exec_cmd(cmd, result, 1024) != 0 || !result[0])
+        return -1;
+    strncpy(out, str_trim(result), (size_t)len);
+    out[len - 1] = '\0';
+    return 0;
+}
+
+int get_iface_ip(const char *ifname, char *out, int len)
+{
+    if (iface_query("ifconfig %s |grep -o \"inet addr:[0-9.]*\"|awk -F: '{print $2}'", ifname, out,
+                    len) != 0)
+        return -1;
+    LOG(3, "get_iface_ip: [%s] = [%s]\n", ifname, out);
+    return 0;
+}
+
+int get_iface_mac(const char *ifname, char *out, int len)
+{
+    if (iface_query("ifconfig %s |grep -o \"HWaddr [0-9A-Z.:]*\"|awk '{print $2}'", ifname, out,
+                    len) != 0)
+        return -1;
+    LOG(3, "get_iface_mac: [%s] = [%s]\n", ifname, out);
     return 0;
 }

@@ -1,4 +1,5 @@
-// Address queries: the uplink gateway file and the Wi-Fi MAC addresses.
+// Address queries: the uplink gateway file, the Wi-Fi MAC addresses and an
+// interface's IPv4 and MAC address.
 #pragma once
 #include <stdint.h>
 
@@ -10,3 +11,7 @@ int32_t get_gw_ip(char *gw, char *ip);
 // `out` (>= 19 bytes) must be zeroed by the caller; it is left untouched when
 // the platform has no address for the band.
 int32_t getWifiMac(char *out, int32_t band);
+// An interface's IPv4 address or MAC address as text into `out` (`len`
+// bytes, always terminated); -1 when the platform reports none.
+int get_iface_ip(const char *ifname, char *out, int len);
+int get_iface_mac(const char *ifname, char *out, int len);

@@ -2,7 +2,9 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 volatile sig_atomic_t g_sig_stop;
@@ -13,6 +15,7 @@ volatile sig_atomic_t g_sig_cut_fd = -1;
 static int sig_pipe[2] = {-1, -1};
 static pthread_t sig_main;
 static int sig_main_set;
+static void (*sig_act)(void);
 
 static void sig_ignore(int) {}
 
@@ -26,10 +29,11 @@ static void sig_set(int sig, void (*fn)(int), int flags)
     sigaction(sig, &sa, nullptr);
 }
 
-void sig_install(void (*note)(int))
+void sig_install(void (*note)(int), void (*act)(void))
 {
     sig_main = pthread_self();
     sig_main_set = 1;
+    sig_act = act;
     if (sig_pipe[0] < 0 && pipe2(sig_pipe, O_NONBLOCK | O_CLOEXEC) != 0)
         sig_pipe[0] = sig_pipe[1] = -1;
     sig_set(SIGINT, note, 0);
@@ -71,6 +75,38 @@ void sig_drain(void)
 int32_t sig_on_main(void)
 {
     return sig_main_set && pthread_equal(sig_main, pthread_self()) ? 1 : 0;
+}
+
+void sig_safe_point(void)
+{
+    static int32_t busy;
+    if (!sig_on_main() || busy || !sig_act)
+        return;
+    busy = 1;
+    sig_act();
+    busy = 0;
+}
+
+void nap_ms(int32_t ms)
+{
+    int fd = sig_wake_fd();
+    if (fd < 0) {
+        usleep((useconds_t)ms * 1000);
+        return;
+    }
+    struct timespec t0, t;
+    clock_gettime(CLOCK_MONOTONIC, &t0);
+    for (;;) {
+        clock_gettime(CLOCK_MONOTONIC, &t);
+        int64_t left = ms - ((int64_t)(t.tv_sec - t0.tv_sec) * 1000 + (t.tv_nsec - t0.tv_nsec) / 1000000);
+        if (left <= 0)
+            break;
+        struct pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, (int)left) > 0)
+            sig_drain();
+        sig_safe_point();
+    }
+    sig_safe_point();
 }
 
 int32_t sig_thread_create(pthread_t *tid, void *(*fn)(void *), void *arg)

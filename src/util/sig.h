@@ -14,8 +14,9 @@ extern volatile sig_atomic_t g_sig_cut_fd;  // socket the SIGALRM handler shuts 
 // Installs `note` for SIGINT, SIGTERM and SIGUSR1 (no restart of interrupted
 // calls, so a blocked main thread returns to a safe point), a no-op SIGPIPE
 // handler (reset to default in every child at exec), and the wake-up pipe.
-// Remembers the calling thread as the main thread.
-void sig_install(void (*note)(int));
+// Remembers the calling thread as the main thread, and `act` as what its
+// safe points run.
+void sig_install(void (*note)(int), void (*act)(void));
 // Installs `note` for SIGALRM (interrupted calls restart: the handler cuts
 // the socket instead).
 void sig_install_alarm(void (*note)(int));
@@ -26,6 +27,12 @@ int32_t sig_wake_fd(void);
 void sig_drain(void);
 // 1 on the thread that called sig_install.
 int32_t sig_on_main(void);
+// Acts on noted signals: runs `act` on the main thread, never nested; does
+// nothing on any other thread or before sig_install. Called where the main
+// thread holds no lock and is inside no TLS call.
+void sig_safe_point(void);
+// Sleeps ms milliseconds, acting on signals as they arrive.
+void nap_ms(int32_t ms);
 // pthread_create for a detached thread that starts with the noted signals
 // blocked. Returns 0 or the error number.
 int32_t sig_thread_create(pthread_t *tid, void *(*fn)(void *), void *arg);

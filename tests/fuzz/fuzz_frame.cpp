@@ -15,12 +15,12 @@
 #include <string.h>
 
 #include "fake_sys.h"
-#include "util/log.h"
-#include "core/env.h"
+#include "platform/env.h"
 #include "proto/frame.h"
 #include "proto/sync.h"
 #include "tls_pair.h"
 #include "util/codec.h"
+#include "util/log.h"
 
 // The command readers wait for slow output; fake_sys answers at once.
 extern "C" int usleep(useconds_t) { return 0; }
@@ -115,7 +115,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         int32_t from = ent->state, next = successor(cap, from, type, body, have < len ? have : len);
         size_t before = scripts_run();
         g_is_server = cap;
-        recv_message(ent);
+        if (recv_message(ent) == SYNC_ACCEPTED)   // as the RE's loop does
+            sync_init_re(ent);
         off += MSG_HDR_SIZE + len;
         if (ent->ssl && ent->state != from && ent->state != next && ent->state != ST_STOP)
             die("the state moved without the message that may move it");

@@ -10,7 +10,7 @@
 
 #include "conn/entity.h"
 #include "conn/tls.h"
-#include "core/flow.h"
+#include "util/proc.h"
 
 inline bool tls_setup(const std::string &dir, SSL_CTX **cap, SSL_CTX **re)
 {

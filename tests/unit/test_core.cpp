@@ -19,7 +19,7 @@
 #include "client/client.h"
 #include "conn/sockopt.h"
 #include "conn/tls.h"
-#include "core/env.h"
+#include "platform/env.h"
 #include "core/flow.h"
 #include "discovery/ddprobe.h"
 #include "discovery/ddsock.h"
@@ -29,6 +29,7 @@
 #include "server/server.h"
 #include "util/addr.h"
 #include "util/log.h"
+#include "util/proc.h"
 #include "util/shell.h"
 #include "util/sig.h"
 

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "client/client.h"
-#include "core/env.h"
+#include "platform/env.h"
 #include "discovery/ddsock.h"
 #include "fake_sys.h"
 #include "platform/meshinit.h"
@@ -125,6 +125,8 @@ TEST_F(Proto, EveryStateAgainstEveryMessage)
             strcpy(me->macaddr, "aa:bb:cc:00:00:01"), strcpy(me->mac2, "aa:bb:cc:00:00:02"), strcpy(me->mac5, "aa:bb:cc:00:00:03");
             me->state = states[s], g_dry_run = r.dry;
             int32_t rc = deliver(r.server, frame(r.type, r.body));
+            if (rc == SYNC_ACCEPTED)   // the RE's loop applies an accepted configuration
+                rc = sync_init_re(me);
             size_t scripts = 0;
             for (const auto &c : fake_sys_system_cmds())
                 scripts += c.find("mesh_setup.sh") != std::string::npos;

@@ -12,7 +12,7 @@
 
 #include "capture.h"
 #include "conn/sockopt.h"
-#include "core/env.h"
+#include "platform/env.h"
 #include "fake_sys.h"
 #include "platform/meshlock.h"
 #include "util/codec.h"

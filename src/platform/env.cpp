@@ -1,5 +1,5 @@
 // Questions asked of the platform before pairing, and the pairing light.
-#include "core/env.h"
+#include "platform/env.h"
 
 #include <ctype.h>
 #include <stdio.h>
