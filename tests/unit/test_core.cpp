@@ -95,7 +95,8 @@ TEST(Discovery, RawFrameParsing)
     const struct { std::vector<uint8_t> f; int flen, buflen, rc; const char *payload; } cases[] = {
         {frame("hi"), 33, 64, -1, ""}, {frame("hi", -1, 5, 0x86dd), -1, 64, -1, ""}, {frame("hi", -1, 5, 0x0800, 6), -1, 64, -1, ""},
         {frame("hi", 11), -1, 64, -1, ""}, {frame("hi", 10), -1, 64, 2, "hi"},   // one past the frame, and at it
-        {frame("hi", 7), -1, 64, -1, ""}, {frame("hi", 8), -1, 64, 0, ""}, {frame("", -1, 15), 14 + 60 + 6, 64, -1, ""},
+        {frame("hi", 7), -1, 64, -1, ""}, {frame("hi", 8), -1, 64, 0, ""}, {frame(""), -1, 64, 0, ""},
+        {frame("", -1, 15), 14 + 60 + 6, 64, -1, ""},
         // The whole UDP length is held against buflen: 2040 bytes fit in 2048, 2041 not.
         {frame(std::string(2041, 'q')), -1, 2048, -1, ""}, {frame(std::string(2040, 'q')), -1, 2048, 2040, nullptr},
         {frame("hello"), -1, 12, -1, ""}, {frame("hell"), 46, 12, 4, "hell"}, {padded, -1, 2048, 3, "abc"}};

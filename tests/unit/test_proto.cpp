@@ -208,7 +208,7 @@ TEST_F(Proto, EntriesRefuseBadArguments)
         getWifiMac(t, 3), tolvaInitCap(nullptr, "m", "a", "b", 1), tolvaInitCap(&cfg, nullptr, "a", "b", 1),
         tolvaInitRe(nullptr, "", 1), tolva_derive_mac(nullptr, 1, t), tolva_derive_mac("zz", 1, t),
         send_message(cap, 5, nullptr, 1), send_message(cap, 5, b, -1), send_message(cap, 5, b, 2005),
-        send_message(&nossl, 5, b, 1)};
+        send_message(&nossl, 5, b, 1), dd_create_sockfd(nullptr, 0, 0)};
     for (size_t i = 0; i < sizeof(rcs) / sizeof(rcs[0]); i++)
         EXPECT_EQ(-1, rcs[i]) << "call " << i;
     EXPECT_EQ(ST_SSL_DONE, cap->state);   // untouched, and nothing was sent

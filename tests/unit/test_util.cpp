@@ -57,6 +57,7 @@ TEST(Util, CommandOutputAndInjectionGuard)
         // An exact multiple of the 128-byte chunk ends in an empty read: failure.
         {"head -c 128 /dev/zero | tr '\\0' a", 1024, -1, 128}, {"head -c 129 /dev/zero | tr '\\0' b", 1024, 0, 129},
         {"head -c 200 /dev/zero | tr '\\0' c", 150, -1, 128},   // the second chunk does not fit
+        {"head -c 129 /dev/zero | tr '\\0' d", 130, 0, 129},     // it fits exactly, terminator included
         {"printf 'abcd\\n'", 4, -1, 0}, {"echo", 0, -1, 64}};    // 64: untouched
     char out[64], buf[16];
     for (const auto &c : cases) {
@@ -66,6 +67,9 @@ TEST(Util, CommandOutputAndInjectionGuard)
         EXPECT_EQ(c.size ? strnlen(big, sizeof(big)) : strnlen(out, 64), c.len) << c.cmd;
     }
     EXPECT_STREQ(getCmdResultSlow("printf abcdef", buf, 4), "abcd");
+    size_t olen = 0;   // base64 of 4 bytes takes 8 and the terminator
+    EXPECT_TRUE(base64_encode((uint8_t *)buf, 8, &olen, (const uint8_t *)"abcd", 4) == -42 && olen == 9);
+    EXPECT_TRUE(base64_encode((uint8_t *)buf, 9, &olen, (const uint8_t *)"\xff\xfe\x00\x80", 4) == 0 && !strcmp(buf, "//4AgA=="));
     log_level = 0;
     for (const char *c = "@`$#,;'\\\"[]&*()|<>"; *c; c++)
         EXPECT_EQ(check_injection((std::string("ssid") + *c + "x").c_str()), -1) << *c;
