@@ -84,7 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     fake_sys_install(), fake_sys_router();
     fake_sys_system_status((scene & 0x10) ? 256 : 0);
     entity *c, *r;
-    if (!tls_connect_pair(srv_ctx, clt_ctx, &c, &r))
+    if (tls_connect_pair(srv_ctx, clt_ctx, &c, &r) != 0)
         die("handshake");
     entity *ent = cap ? c : r, *peer = cap ? r : c;
     int sz = 1 << 18;   // room for the whole input and every answer: neither side blocks

@@ -28,23 +28,24 @@ inline bool tls_setup(const std::string &dir, SSL_CTX **cap, SSL_CTX **re)
     return *cap && *re;
 }
 
-inline bool tls_connect_pair(SSL_CTX *cap_ctx, SSL_CTX *re_ctx, entity **cap, entity **re)
+// 0 once both ends are through; else ssl_accept's result (-1), or -2.
+inline int32_t tls_connect_pair(SSL_CTX *cap_ctx, SSL_CTX *re_ctx, entity **cap, entity **re)
 {
     int fds[2], rc = 0;
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
-        return false;
+        return -2;
     g_is_server = 1, g_ssl_ctx = cap_ctx;
     *cap = new_entity("peer-10.0.0.2", fds[0], 0);
     g_is_server = 0, g_ssl_ctx = re_ctx;
     *re = main_ent = new_entity("RE", fds[1], 1);
     g_ssl_ctx = nullptr;
     if (!*cap || !*re)
-        return false;
+        return -2;
     change_state(*cap, ST_TCP_DONE);
     std::thread t([&] { rc = SSL_connect((*re)->ssl); });
     g_is_server = 1;
     int32_t accepted = ssl_accept(*cap);
     t.join();
     change_state(*re, ST_SSL_DONE);
-    return accepted == 0 && rc == 1 && (*cap)->state == ST_SSL_DONE;
+    return accepted != 0 ? accepted : rc == 1 && (*cap)->state == ST_SSL_DONE ? 0 : -2;
 }

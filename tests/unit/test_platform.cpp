@@ -35,8 +35,21 @@ TEST(Platform, CollectionVariants)
     fake_sys_answer("uci -q get misc.backhauls.backhaul_2g_ap_iface", "wl5\n");
     EXPECT_TRUE(tolva_get_bh_band(band, sizeof(band)) == band && !strcmp(band, "2g") && tolvaGetWiFiConfig(&cfg) == 0);
     EXPECT_TRUE(fake_sys_ran("uci -q get misc.backhauls.backhaul_2g_ap_iface"));
-    fake_sys_answer("mesh_tool backhaul get band", "abcdefghijklmnop");
-    EXPECT_EQ(nullptr, tolva_get_bh_band(band, sizeof(band)));
+    for (const char *b : {"abcdefghijklmnop", ""}) {
+        fake_sys_answer("mesh_tool backhaul get band", b);
+        EXPECT_EQ(nullptr, tolva_get_bh_band(band, sizeof(band))) << b;
+    }
+    // The band set goes with the band the tool printed; DFS support is a number.
+    const char *const tool[][4] = {{"5g", "0\n", "2\n", "0"}, {"5g", "1\n", "0\n", "-1"}, {"", "0\n", "", "-1"}};
+    for (const auto &t : tool) {
+        fake_sys_answer("mesh_tool backhaul get band 2g", t[0]);
+        fake_sys_answer("mesh_tool backhaul set band 5g;echo $?", t[1]);
+        fake_sys_answer("uci -q get misc.mesh.support_dfs", t[2]);
+        EXPECT_EQ(atoi(t[3]), tolva_set_bh_band("2g")) << t[0] << t[1];
+        EXPECT_EQ(t[2][0] > '0', tolva_mesh_support_dfs()) << t[2];
+    }
+    int32_t freqs[4];
+    EXPECT_TRUE(tolva_set_bh_band(nullptr) == -1 && tolva_get_freq_list(1, "lo", freqs) == -1);   // no wireless here
     // No backhaul section yet: a new random network each time.
     fake_sys_answer("uci show wireless | grep -w \"ifname='wl5'\" | cut -d '.' -f1-2", "");
     ASSERT_TRUE(tolvaGetWiFiConfig(&cfg) == 0 && tolvaGetWiFiConfig(&again) == 0);

@@ -81,7 +81,7 @@ protected:
         fake_sys_install(), fake_sys_router();
         current = 100, g_dry_run = 0;
         strcpy(g_locate, "default");
-        ASSERT_TRUE(tls_connect_pair(srv_ctx, clt_ctx, &cap, &re));
+        ASSERT_EQ(0, tls_connect_pair(srv_ctx, clt_ctx, &cap, &re));
     }
     void TearDown() override
     {
@@ -151,7 +151,7 @@ TEST_F(Proto, BoundariesOfFrameAndPassword)
     g_is_server = 1;
     const struct { const char *id; int32_t id_len; std::string pass; int32_t len, rc; } auths[] = {
         {kId, 14, good, 44, 0}, {"", 0, good, 44, -1}, {kId, 14, good, 43, -1}, {kId, 14, good + "A", 45, -1},
-        {kId, 14, ninth, 44, -1}, {kId, 14, pass_of(1), 44, -1}, {kId, 14, last, 44, -1}};
+        {kId, 14, ninth, 44, -1}, {"0", 1, pass_of(0, "0"), 44, 0}, {kId, 14, pass_of(1), 44, -1}, {kId, 14, last, 44, -1}};
     for (const auto &a : auths)
         EXPECT_EQ(a.rc, check_auth(e, a.id, a.id_len, a.pass.c_str(), a.len)) << a.pass << " " << a.len;
     EXPECT_EQ(e->state, ST_STOP);   // a wrong password ends the session
@@ -169,14 +169,14 @@ TEST_F(Proto, BoundariesOfFrameAndPassword)
 // The CAP takes TLS 1.2 with an AEAD suite, and refuses older versions and SHA-MAC suites.
 TEST_F(Proto, CapTlsPolicy)
 {
-    const struct { int max; const char *ciphers; bool ok; } cases[] = {
-        {TLS1_2_VERSION, "ECDHE-ECDSA-AES256-GCM-SHA384", true}, {TLS1_1_VERSION, "ALL", false},
-        {TLS1_2_VERSION, "ECDHE-ECDSA-AES128-SHA:ECDHE-ECDSA-AES256-SHA:ECDHE-ECDSA-AES128-SHA256", false}};
+    const struct { int max; const char *ciphers; int32_t rc; } cases[] = {   // rc: ssl_accept's
+        {TLS1_2_VERSION, "ECDHE-ECDSA-AES256-GCM-SHA384", 0}, {TLS1_1_VERSION, "ALL", -1},
+        {TLS1_2_VERSION, "ECDHE-ECDSA-AES128-SHA:ECDHE-ECDSA-AES256-SHA:ECDHE-ECDSA-AES128-SHA256", -1}};
     for (const auto &c : cases) {
         TearDown();
         SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
         SSL_CTX_set_security_level(ctx, 0), SSL_CTX_set_max_proto_version(ctx, c.max), SSL_CTX_set_cipher_list(ctx, c.ciphers);
-        EXPECT_EQ(c.ok, tls_connect_pair(srv_ctx, ctx, &cap, &re)) << c.ciphers;
+        EXPECT_EQ(c.rc, tls_connect_pair(srv_ctx, ctx, &cap, &re)) << c.ciphers;
         TearDown();
         SSL_CTX_free(ctx);
     }
@@ -188,8 +188,8 @@ TEST_F(Proto, EntriesRefuseBadArguments)
     uint8_t b[64] = {0};
     char t[64] = "x";
     int p = 0;
-    entity nossl{};
-    nossl.fd = cap->fd;
+    entity nossl{}, broken = *cap;   // a record without its session
+    nossl.fd = cap->fd, broken.ssl = nullptr;
     WiFiConfig cfg{};
     g_is_server = 1;
     const int32_t rcs[] = {
@@ -208,7 +208,7 @@ TEST_F(Proto, EntriesRefuseBadArguments)
         getWifiMac(t, 3), tolvaInitCap(nullptr, "m", "a", "b", 1), tolvaInitCap(&cfg, nullptr, "a", "b", 1),
         tolvaInitRe(nullptr, "", 1), tolva_derive_mac(nullptr, 1, t), tolva_derive_mac("zz", 1, t),
         send_message(cap, 5, nullptr, 1), send_message(cap, 5, b, -1), send_message(cap, 5, b, 2005),
-        send_message(&nossl, 5, b, 1), dd_create_sockfd(nullptr, 0, 0)};
+        send_message(&nossl, 5, b, 1), dd_create_sockfd(nullptr, 0, 0), set_fd_timeout(-1, 1, 0), send_auth_req(&broken)};
     for (size_t i = 0; i < sizeof(rcs) / sizeof(rcs[0]); i++)
         EXPECT_EQ(-1, rcs[i]) << "call " << i;
     EXPECT_EQ(ST_SSL_DONE, cap->state);   // untouched, and nothing was sent
@@ -241,6 +241,8 @@ TEST_F(Proto, BytesOnTheWire)
         EXPECT_STREQ(fl.text, &r[fl.off]) << fl.off;
     EXPECT_EQ(r.substr(SYNC_TEXT_OFFSET), std::string(952, 'j') + '\0');
     EXPECT_EQ("", read_raw(re));   // the refused ones sent nothing
+    SSL_set_quiet_shutdown(cap->ssl, 0), SSL_shutdown(cap->ssl);   // an orderly close frees the reader's record
+    EXPECT_TRUE(entity_read(re, (uint8_t *)&f[0], 4) == -1 && all_zero(re));
 }
 
 // Slots: seven peers, the eighth refused without a share; a release gives slot and share back

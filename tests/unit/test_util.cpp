@@ -21,6 +21,7 @@
 
 TEST(Util, HmacOfEachRoleLogLevelsAndStatusRecord)
 {
+    EXPECT_EQ(7, log_level);   // until -l says otherwise
     log_level = 0;
     for (int role : {1, 0, 7}) {   // the shared key with 'x' (CAP) or 'q' (RE) first, as a peer computes it
         std::string key = g_shared_key, want;
@@ -38,7 +39,7 @@ TEST(Util, HmacOfEachRoleLogLevelsAndStatusRecord)
     std::string err = captured(stderr, [&] {
         EXPECT_EQ(log_mode_set(LOG_MODE_STDERR) + log_mode_set(2), -1);   // an unknown mode is refused
         for (const auto &l : {std::make_pair(8, 7), {7, 7}, {-1, 0}, {3, 3}})
-            EXPECT_EQ(l.second, (log_level_set(l.first), log_level)) << l.first;   // clamped to 0..7
+            EXPECT_EQ(l.second, log_level_set(l.first) + log_level) << l.first;   // clamped to 0..7
         LOG(4, "not shown %d\n", ++evaluated);
         LOG(3, "shown %d|\n", 42);
     });
