@@ -13,9 +13,7 @@ import time
 import routerlab
 
 HOSTILE = os.path.join(routerlab.HERE, "hostile.py")
-P = f"peer-{routerlab.RE_STATIC_IP}"
 REQ = b"KORVANE_RE_DDv1.0\0"
-OVERLOAD = f"WARN: Cap overload threshold: 1. reject [{P}] serving , need try again.\n"
 with open(routerlab.PLAITD_BIN, "rb") as _f:
     # ASan's quarantine makes RSS grow with the traffic: there LeakSanitizer judges.
     # Plain: about 90 kB for the 1000 cycles; an SSL object kept per served peer is MBs.
@@ -78,21 +76,6 @@ def test_hostile_peers_give_everything_back(make_lab, plaitd_bin):
               ["reset", [["send", rnd(rng, 100, 0)], ["rst"]]], ["hello_cut", [["hello_part", 0.5]]])
         assert "mesh.re.conn.fail=CONNECT_FAILED:1" in cap.out() and "msg version not match: ab" in cap.log()
 
-    def held():
-        """A peer holding a cut frame keeps one socket and one thread; a second
-        RE is turned away at once and discovery stays silent."""
-        rel = os.path.join(lab.dir, "release")
-        h = hostile("plans", {"plans": [["hold", [["tls"], ["frame", 4, 2004, "00" * 1000], ["hold", rel, 20]]]]}, bg=True)
-        h.wait_step("holding", 15)
-        assert routerlab.wait_until(lambda: figures(cap.pid)[:2] == (base[0] + 1, base[1] + 1), 3)
-        k = cap.count(OVERLOAD)
-        second = hostile("plans", {"plans": [["second", [["closed", 3]]]]})["plans"][0][1]
-        assert second[0]["closed"] and second[0]["after"] < 1.0, second
-        cap.wait_log(OVERLOAD, 2, count=k + 1)
-        assert lab.dd_request(REQ, wait=0.7) == []
-        open(rel, "w").close()
-        h.finish(30)
-
     def cycles():
         r = hostile("cycles", {"n": 1000, "max_s": 40, "rst_every": 2, "eager_every": 10, "wait_ms": 20, "port0": 30000})
         assert r["ok"] == 1000 and r["failed"] == 0, r
@@ -102,7 +85,9 @@ def test_hostile_peers_give_everything_back(make_lab, plaitd_bin):
             rel = os.path.join(lab.dir, f"release-{k}")
             h = hostile("halfopen", {"k": k, "release": rel, "max_s": 20, "probe_s": 0.8}, bg=True)
             st = h.wait_step("held", 15)
-            assert (st["open"], st["closed"]) == (1, k - 1), (k, st)   # one served, the rest refused
+            assert (st["open"], st["closed"]) == (1, k - 1), (k, st)   # one served, the rest refused at once
+            assert routerlab.wait_until(lambda: figures(cap.pid)[:2] == (base[0] + 1, base[1] + 1), 3)   # its socket, its thread
+            assert lab.dd_request(REQ, wait=0.7) == []   # discovery stays silent meanwhile
             open(rel, "w").close()
             h.finish(10)
             assert idle(), (k, figures(cap.pid))
@@ -119,7 +104,7 @@ def test_hostile_peers_give_everything_back(make_lab, plaitd_bin):
         prev, base = base, figures(cap.pid)
         if prev and prev[:2] == base[:2] and not os.path.exists(lab.cap.path("/var/run/plaitd.lock")):
             break
-    for scenario in (garbage_and_cut_frames, held, cycles, half_open, flood):
+    for scenario in (garbage_and_cut_frames, cycles, half_open, flood):
         rss0 = figures(cap.pid)[2]
         scenario()
         assert cap.running() and idle(), (scenario.__name__, base, figures(cap.pid), cap.log()[-3000:])
