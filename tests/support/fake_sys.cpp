@@ -25,6 +25,8 @@ FILE *fake_popen(const char *cmd, const char *)
             continue;
         if (it->second.empty())
             break;
+        if (it->second == FAKE_SYS_FAIL)
+            return nullptr;
         buffers.push_back(it->second);
         return fmemopen(&buffers.back()[0], buffers.back().size(), "r");
     }

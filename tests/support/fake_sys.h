@@ -7,7 +7,9 @@
 
 void fake_sys_install(void);   // also clears rules, records, status and hook
 void fake_sys_uninstall(void);
-// `pattern` matches a command exactly, or as a prefix when it ends in '*'. Later rules win.
+// `pattern` matches a command exactly, or as a prefix when it ends in '*'. Later rules win;
+// the output FAKE_SYS_FAIL makes popen() itself fail.
+#define FAKE_SYS_FAIL "\x01" "fail"
 void fake_sys_answer(const std::string &pattern, const std::string &output);
 // A router with 2.4 GHz on wl1 (wifi2), 5 GHz on wl0 (wifi1), backhaul AP on wl5.
 void fake_sys_router(void);

@@ -136,7 +136,7 @@ TEST(Discovery, RefusalsOfResponderProbeAndSockets)
     EXPECT_EQ(before, after);   // nothing leaked
     int32_t recver = dd_create_sockfd("", DD_PORT, 0), sender = dd_create_sockfd("127.0.0.1", -1, 1), raw = dd_create_rawfd("lo");
     ASSERT_TRUE(recver >= 0 && sender >= 0 && raw >= 0);
-    EXPECT_EQ(FD_CLOEXEC, fcntl(recver, F_GETFD));
+    EXPECT_TRUE(fcntl(recver, F_GETFD) == FD_CLOEXEC && fcntl(raw, F_GETFD) == FD_CLOEXEC && dd_clt_probe("nosuchif0", ip) == -1);
     EXPECT_TRUE(dd_send_msg(sender, "127.0.0.1", 0, "x", 1) == -1 && dd_send_msg(sender, "127.0.0.1", DD_PORT, "x", -1) == -1);
     ASSERT_EQ(0, dd_send_msg(sender, "127.0.0.1", 1, "x", 2));   // the lowest port
     ASSERT_EQ(0, dd_send_msg(sender, "127.0.0.1", DD_PORT, "", 0));   // an empty datagram is one

@@ -40,7 +40,8 @@ TEST(Platform, CollectionVariants)
         EXPECT_EQ(nullptr, tolva_get_bh_band(band, sizeof(band))) << b;
     }
     // The band set goes with the band the tool printed; DFS support is a number.
-    const char *const tool[][4] = {{"5g", "0\n", "2\n", "0"}, {"5g", "1\n", "0\n", "-1"}, {"", "0\n", "", "-1"}};
+    const char *const tool[][4] = {{"5g", "0\n", "2\n", "0"}, {"5g", "1\n", "0\n", "-1"}, {"", "0\n", "", "-1"},
+                                   {"5g", "", "", "-1"}};
     for (const auto &t : tool) {
         fake_sys_answer("mesh_tool backhaul get band 2g", t[0]);
         fake_sys_answer("mesh_tool backhaul set band 5g;echo $?", t[1]);

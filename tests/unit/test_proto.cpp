@@ -208,7 +208,8 @@ TEST_F(Proto, EntriesRefuseBadArguments)
         getWifiMac(t, 3), tolvaInitCap(nullptr, "m", "a", "b", 1), tolvaInitCap(&cfg, nullptr, "a", "b", 1),
         tolvaInitRe(nullptr, "", 1), tolva_derive_mac(nullptr, 1, t), tolva_derive_mac("zz", 1, t),
         send_message(cap, 5, nullptr, 1), send_message(cap, 5, b, -1), send_message(cap, 5, b, 2005),
-        send_message(&nossl, 5, b, 1), dd_create_sockfd(nullptr, 0, 0), set_fd_timeout(-1, 1, 0), send_auth_req(&broken)};
+        send_message(&nossl, 5, b, 1), dd_create_sockfd(nullptr, 0, 0), set_fd_timeout(-1, 1, 0), send_auth_req(&broken),
+        set_fd_timeout(open_null(), 1, 0)};
     for (size_t i = 0; i < sizeof(rcs) / sizeof(rcs[0]); i++)
         EXPECT_EQ(-1, rcs[i]) << "call " << i;
     EXPECT_EQ(ST_SSL_DONE, cap->state);   // untouched, and nothing was sent
@@ -243,6 +244,7 @@ TEST_F(Proto, BytesOnTheWire)
     EXPECT_EQ("", read_raw(re));   // the refused ones sent nothing
     SSL_set_quiet_shutdown(cap->ssl, 0), SSL_shutdown(cap->ssl);   // an orderly close frees the reader's record
     EXPECT_TRUE(entity_read(re, (uint8_t *)&f[0], 4) == -1 && all_zero(re));
+    EXPECT_TRUE(ssl_accept(cap) == 0 && cap->state == ST_SSL_DONE);   // past ST_TCP_DONE: nothing to do
 }
 
 // Slots: seven peers, the eighth refused without a share; a release gives slot and share back

@@ -15,6 +15,7 @@
 #include "platform/env.h"
 #include "fake_sys.h"
 #include "platform/meshlock.h"
+#include "util/addr.h"
 #include "util/codec.h"
 #include "util/log.h"
 #include "util/shell.h"
@@ -70,6 +71,7 @@ TEST(Util, CommandOutputAndInjectionGuard)
     EXPECT_STREQ(getCmdResultSlow("printf abcdef", buf, 4), "abcd");
     size_t olen = 0;   // base64 of 4 bytes takes 8 and the terminator
     EXPECT_TRUE(base64_encode((uint8_t *)buf, 8, &olen, (const uint8_t *)"abcd", 4) == -42 && olen == 9);
+    EXPECT_TRUE(base64_encode((uint8_t *)buf, 8, &olen, (const uint8_t *)"abcdef", 6) == -42 && olen == 9);
     EXPECT_TRUE(base64_encode((uint8_t *)buf, 9, &olen, (const uint8_t *)"\xff\xfe\x00\x80", 4) == 0 && !strcmp(buf, "//4AgA=="));
     log_level = 0;
     for (const char *c = "@`$#,;'\\\"[]&*()|<>"; *c; c++)
@@ -104,9 +106,13 @@ TEST(Util, EnvironmentChecks)
     }
     EXPECT_EQ(fake_sys_log().back(), "popen: cat /proc/veltrasso/ft_mode");   // a factory box stops at step 1
     EXPECT_EQ(std::string(g_macaddr, sizeof(g_macaddr)), "0123456789abcdefghi");   // no terminator
-    char name[16];
+    char name[16], mac[19] = {0};
     fake_sys_answer("uci -q get network.wan.ifname", "br-wan\n");
     EXPECT_TRUE(get_wan_ifname(name) == 0 && !strcmp(name, "br")) << name;   // cut at the first non-alphanumeric
+    fake_sys_router();
+    EXPECT_TRUE(getWifiMac(mac, 1) == 0 && !strcmp(mac, "28:6c:07:11:22:34")) << mac;
+    fake_sys_answer("*", FAKE_SYS_FAIL);   // no command can be started
+    EXPECT_TRUE(tolva_exec_cmd("x", name, 16) == -1 && getWifiMac(mac, 0) == -1 && !getCmdResult("x", name, 8));
     fake_sys_uninstall();
     log_level = 7;
 }
