@@ -149,6 +149,8 @@ TEST(Discovery, RefusalsOfResponderProbeAndSockets)
     EXPECT_EQ(4, n);
     EXPECT_STREQ("hey", buf);
     dd_destory_sockfd(&sender), dd_destory_sockfd(&recver), dd_destory_sockfd(&raw);
+    ASSERT_EQ(0, system("ip route add default dev lo"));   // broadcasts stay on loopback
+    EXPECT_EQ(-1, dd_clt_probe("lo", ip));   // its own request heard, then a second of silence: no CAP
 }
 
 TEST(Server, SweepReleasesOverdueSharesOnceAndCutsTheirSockets)

@@ -56,6 +56,8 @@ TEST(Platform, CollectionVariants)
     ASSERT_TRUE(tolvaGetWiFiConfig(&cfg) == 0 && tolvaGetWiFiConfig(&again) == 0);
     EXPECT_TRUE(std::regex_match(std::string(cfg.bh_ssid) + cfg.bh_key, std::regex("KvMesh_[0-9a-f]{8}[0-9a-f]{16}"))) << cfg.bh_ssid;
     EXPECT_TRUE(strcmp(cfg.bh_ssid, again.bh_ssid) && strcmp(cfg.bh_key, again.bh_key));
+    fake_sys_answer("uci show wireless | grep -w \"ifname='wl0'\" | cut -d '.' -f1-2", FAKE_SYS_FAIL);
+    EXPECT_EQ(-1, tolvaGetWiFiConfig(&cfg));   // a query that cannot run
 }
 
 TEST(Platform, CommandLineVariantsAndScriptStatus)

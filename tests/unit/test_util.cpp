@@ -113,6 +113,7 @@ TEST(Util, EnvironmentChecks)
     EXPECT_TRUE(getWifiMac(mac, 1) == 0 && !strcmp(mac, "28:6c:07:11:22:34")) << mac;
     fake_sys_answer("*", FAKE_SYS_FAIL);   // no command can be started
     EXPECT_TRUE(tolva_exec_cmd("x", name, 16) == -1 && getWifiMac(mac, 0) == -1 && !getCmdResult("x", name, 8));
+    EXPECT_TRUE(check_boot_ready() == -1 && is_initted() == -1 && tolva_check_env() == -1);
     fake_sys_uninstall();
     log_level = 7;
 }
