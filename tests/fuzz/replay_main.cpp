@@ -1,10 +1,7 @@
 // Replays files through a fuzz target without libFuzzer: every argument is a
-// file or a directory whose regular files are each one input. Built with the
-// normal compiler so that the corpora run as ordinary regression tests.
+// file or a directory whose files (sorted) are each one input.
 #include <dirent.h>
 #include <stdio.h>
-#include <string.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <string>
@@ -13,64 +10,28 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int *argc, char ***argv);
 
-static bool read_file(const std::string &path, std::vector<uint8_t> &out)
-{
-    FILE *f = fopen(path.c_str(), "rb");
-    if (!f)
-        return false;
-    out.clear();
-    uint8_t buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), f)) > 0)
-        out.insert(out.end(), buf, buf + n);
-    fclose(f);
-    return true;
-}
-
-static void collect(const std::string &path, std::vector<std::string> &files)
-{
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0)
-        return;
-    if (!S_ISDIR(st.st_mode)) {
-        files.push_back(path);
-        return;
-    }
-    DIR *d = opendir(path.c_str());
-    if (!d)
-        return;
-    std::vector<std::string> names;
-    while (struct dirent *e = readdir(d))
-        if (e->d_name[0] != '.')
-            names.push_back(e->d_name);
-    closedir(d);
-    std::sort(names.begin(), names.end());
-    for (const auto &n : names)
-        collect(path + "/" + n, files);
-}
-
 int main(int argc, char **argv)
 {
     if (LLVMFuzzerInitialize)
         LLVMFuzzerInitialize(&argc, &argv);
     std::vector<std::string> files;
-    for (int i = 1; i < argc; i++)
-        collect(argv[i], files);
-    if (files.empty()) {
-        fprintf(stderr, "replay: no input files\n");
-        return 1;
+    for (int i = 1; i < argc; i++) {
+        DIR *d = opendir(argv[i]);
+        for (struct dirent *e; d && (e = readdir(d));)
+            if (e->d_name[0] != '.')
+                files.push_back(std::string(argv[i]) + "/" + e->d_name);
+        d ? (void)closedir(d) : files.push_back(argv[i]);
     }
-    std::vector<uint8_t> data;
+    std::sort(files.begin(), files.end());
     for (const auto &f : files) {
-        if (!read_file(f, data)) {
-            fprintf(stderr, "replay: cannot read %s\n", f.c_str());
-            return 1;
-        }
-        fprintf(stderr, "replay: %s (%zu bytes)\n", f.c_str(), data.size());
-        // Copied so that an over-read past the input is caught under ASan.
-        std::vector<uint8_t> copy(data);
-        LLVMFuzzerTestOneInput(copy.empty() ? nullptr : copy.data(), copy.size());
+        FILE *fp = fopen(f.c_str(), "rb");
+        std::vector<uint8_t> data;   // exact size: an over-read is caught under ASan
+        for (int c; fp && (c = fgetc(fp)) != EOF;)
+            data.push_back((uint8_t)c);
+        if (!fp || fclose(fp) != 0)
+            return fprintf(stderr, "replay: cannot read %s\n", f.c_str()), 1;
+        LLVMFuzzerTestOneInput(data.empty() ? nullptr : data.data(), data.size());
     }
     fprintf(stderr, "replay: %zu inputs done\n", files.size());
-    return 0;
+    return files.empty();
 }

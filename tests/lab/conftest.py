@@ -9,10 +9,6 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import routerlab  # noqa: E402
 
 
-def pytest_configure(config):
-    config.addinivalue_line("markers", "slow: lab test that runs for more than ~15 s")
-
-
 def _interrupt(signum, frame):
     raise KeyboardInterrupt   # pytest then runs the fixture finalizers
 
@@ -24,34 +20,22 @@ def lab_session():
     routerlab.cleanup_stale()
     signal.signal(signal.SIGTERM, _interrupt)
     signal.signal(signal.SIGHUP, _interrupt)
-    yield
 
 
 @pytest.fixture
 def make_lab():
-    """make_lab(uplink="static"|"dhcp"|None, cap_uci={...}, re_uci={...},
-    cap_answers=..., re_answers=..., re_lan_ip=...) -> an up Lab; all are torn
-    down after the test."""
+    """make_lab(uplink="static"|"dhcp"|None, **routerlab.Lab keywords) -> an up Lab, torn down after the test."""
     labs = []
 
     def make(uplink="static", **kw):
-        lab = routerlab.Lab(**kw)
-        labs.append(lab)
-        lab.up()
-        if uplink == "static":
-            lab.static_uplink()
-        elif uplink == "dhcp":
-            lab.dhcp_uplink()
-        return lab
+        labs.append(routerlab.Lab(**kw))
+        labs[-1].up()
+        getattr(labs[-1], f"{uplink}_uplink", lambda: None)()
+        return labs[-1]
 
     yield make
     for lab in labs:
         lab.down()
-
-
-@pytest.fixture
-def lab(make_lab):
-    return make_lab()
 
 
 @pytest.fixture

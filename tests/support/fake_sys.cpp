@@ -11,10 +11,13 @@ std::vector<std::pair<std::string, std::string>> rules;   // pattern, output
 std::vector<std::string> seen;
 std::deque<std::string> buffers;   // fmemopen keeps pointers into these
 int sys_status;
+std::function<void(const std::string &)> hook;
 
 FILE *fake_popen(const char *cmd, const char *)
 {
     seen.push_back(std::string("popen: ") + cmd);
+    if (hook)
+        hook(cmd);
     for (auto it = rules.rbegin(); it != rules.rend(); ++it) {
         const std::string &pat = it->first;
         bool prefix = !pat.empty() && pat.back() == '*';
@@ -22,21 +25,21 @@ FILE *fake_popen(const char *cmd, const char *)
             continue;
         if (it->second.empty())
             break;
+        if (it->second == FAKE_SYS_FAIL)
+            return nullptr;
         buffers.push_back(it->second);
         return fmemopen(&buffers.back()[0], buffers.back().size(), "r");
     }
     return fopen("/dev/null", "r");
 }
 
-int fake_pclose(FILE *fp)
-{
-    fclose(fp);
-    return 0;
-}
+int fake_pclose(FILE *fp) { return fclose(fp); }
 
 int fake_system(const char *cmd)
 {
     seen.push_back(std::string("system: ") + cmd);
+    if (hook)
+        hook(cmd);
     return sys_status;
 }
 
@@ -45,17 +48,37 @@ const sys_ops fake_ops = {fake_popen, fake_pclose, fake_system};
 
 void fake_sys_install(void)
 {
-    rules.clear();
-    seen.clear();
-    buffers.clear();
-    sys_status = 0;
+    rules.clear(), seen.clear(), buffers.clear();
+    sys_status = 0, hook = nullptr;
     sys_set_ops(&fake_ops);
 }
 
 void fake_sys_uninstall(void) { sys_set_ops(nullptr); }
 void fake_sys_answer(const std::string &pattern, const std::string &output) { rules.push_back({pattern, output}); }
+void fake_sys_hook(std::function<void(const std::string &)> h) { hook = h; }
 void fake_sys_system_status(int status) { sys_status = status; }
 const std::vector<std::string> &fake_sys_log(void) { return seen; }
+
+void fake_sys_router(void)
+{
+    const char *const answers[][2] = {
+        {"uci -q get misc.wireless.ifname_2G", "wl1\n"}, {"mesh_tool backhaul get band", "5g"},
+        {"uci -q get misc.wireless.ifname_5G", "wl0\n"}, {"uci -q get misc.backhauls.backhaul_5g_ap_iface", "wl5\n"},
+        {"uci -q get wireless.wifi1.bsd", "0\n"}, {"uci -q get wireless.wifi2.ssid", "Home-2G\n"},
+        {"uci -q get wireless.wifi2.encryption", "psk2\n"}, {"uci -q get wireless.wifi2.key", "psk-secret\n"},
+        {"uci -q get wireless.wifi2.sae_password", "sae-secret\n"}, {"uci -q get wireless.wifi1.ssid", "Home-5G\n"},
+        {"uci -q get wireless.wifi1.encryption", "ccmp\n"}, {"uci -q get wireless.wifi1.key", "psk-secret-5\n"},
+        {"uci -q get wireless.wifi1.sae_password", "sae-secret-5\n"},
+        {"uci -q get wireless.bh_ap.ssid", "KvMesh_0a1b2c3d\n"}, {"uci -q get wireless.bh_ap.key", "00112233445566ff\n"},
+        {"uci -q get misc.wireless.if_2G", "wifi2\n"}, {"uci -q get misc.wireless.if_5G", "wifi1\n"},
+        {"uci -q get wireless.wifi2.macaddr", "28:6c:07:11:22:33\n"}, {"uci -q get wireless.wifi1.macaddr", "28:6c:07:11:22:34\n"},
+        {"mesh_tool initbuf 2>/dev/null", "{\"mesh\":{\"id\":\"0a1b\"}}"}};
+    for (const auto &a : answers)
+        fake_sys_answer(a[0], a[1]);
+    for (const char *s : {"wl1wifi2", "wl0wifi1", "wl5bh_ap"})
+        fake_sys_answer(std::string("uci show wireless | grep -w \"ifname='") + std::string(s, 3) + "'\" | cut -d '.' -f1-2",
+                        std::string("wireless.") + (s + 3) + "\n");
+}
 
 std::vector<std::string> fake_sys_system_cmds(void)
 {

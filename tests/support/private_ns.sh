@@ -1,20 +1,15 @@
 #!/bin/sh
-# Runs a test binary in its own mount namespace with empty /tmp and /run, so
-# the fixed paths of the daemon are private to the test. When the checkout or
-# the build lives under /tmp itself, those two trees are carried over into the
-# new /tmp so the test still finds its binary and its sources.
-# PLAITD_TEST_EMULATOR (e.g. "qemu-mipsel-static -L /usr/mipsel-linux-gnu")
-# runs a cross-built test binary.
+# Runs a test binary in its own mount namespace with empty /tmp and /run, so the
+# daemon's fixed paths are private to the test; a checkout or build under /tmp
+# is carried over. PLAITD_TEST_EMULATOR (e.g. "qemu-mipsel-static -L /usr/mipsel-linux-gnu")
+# runs a cross-built binary.
 top=$(cd "$(dirname "$0")/../.." && pwd)
 bindir=$(cd "$(dirname "$1")" && pwd)
 # shellcheck disable=SC2016 # the inner shell expands these
 exec unshare -m --propagation private /bin/sh -c '
   set -e
   top=$1 bindir=$2; shift 2
-  mount --rbind /tmp /mnt
-  mount -t tmpfs tmpfs /tmp
-  mount -t tmpfs tmpfs /run
-  mkdir -p /run/lock
+  mount --rbind /tmp /mnt && mount -t tmpfs tmpfs /tmp && mount -t tmpfs tmpfs /run && mkdir -p /run/lock
   for d in "$top" "$bindir"; do
     case $d in /tmp/*) mkdir -p "$d"; mount --bind "/mnt/${d#/tmp/}" "$d" ;; esac
   done
