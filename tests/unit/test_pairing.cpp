@@ -82,6 +82,7 @@ TEST(Pairing, CapAndReHandThePlatformTheConfiguration)
     ASSERT_TRUE(net_ok);
     SSL_CTX *a, *b;
     ASSERT_TRUE(tls_setup("/tmp/pairtls", &a, &b));   // certificate, key and CA for both
+    SSL_CTX_free(a), SSL_CTX_free(b);                  // the daemons make their own
     f_string_write(GW_IP_FILE, "127.0.0.1\n127.0.0.1\n", 20);
     ASSERT_EQ(0, system("ip route add default dev lo"));   // the discovery broadcasts stay on loopback
     pid_t cap = daemon_child("-S");
