@@ -1,6 +1,7 @@
 #include "fake_sys.h"
 
 #include <deque>
+#include <mutex>
 #include <stdio.h>
 #include <string.h>
 
@@ -12,9 +13,11 @@ std::vector<std::string> seen;
 std::deque<std::string> buffers;   // fmemopen keeps pointers into these
 int sys_status;
 std::function<void(const std::string &)> hook;
+std::recursive_mutex mu;   // the daemon's threads run commands at once
 
 FILE *fake_popen(const char *cmd, const char *)
 {
+    std::lock_guard<std::recursive_mutex> g(mu);
     seen.push_back(std::string("popen: ") + cmd);
     if (hook)
         hook(cmd);
@@ -37,6 +40,7 @@ int fake_pclose(FILE *fp) { return fclose(fp); }
 
 int fake_system(const char *cmd)
 {
+    std::lock_guard<std::recursive_mutex> g(mu);
     seen.push_back(std::string("system: ") + cmd);
     if (hook)
         hook(cmd);
@@ -82,6 +86,7 @@ void fake_sys_router(void)
 
 std::vector<std::string> fake_sys_system_cmds(void)
 {
+    std::lock_guard<std::recursive_mutex> g(mu);
     std::vector<std::string> out;
     for (const auto &s : seen)
         if (s.rfind("system: ", 0) == 0)
@@ -91,6 +96,7 @@ std::vector<std::string> fake_sys_system_cmds(void)
 
 bool fake_sys_ran(const std::string &cmd)
 {
+    std::lock_guard<std::recursive_mutex> g(mu);
     for (const auto &s : seen)
         if (s == "popen: " + cmd || s == "system: " + cmd)
             return true;
