@@ -26,6 +26,7 @@ FACTORY_IP, RE_STATIC_IP = "192.168.77.1", "192.168.77.20"
 RE_MAC = "28:6C:07:20:00:01"   # the first RE's uplink (Router.mac); the CAP's is 28:6C:07:10:00:01
 ROUTER_ENV = {"PATH": "/bin:/sbin:/usr/bin:/usr/sbin", "HOME": "/root", "TERM": "dumb"}
 CALLS = "/tmp/lab-calls.log"
+LISTENING, LOCK = "enter server looping....\n", "/var/run/plaitd.lock"   # the CAP listens; the mesh lock
 VALGRIND_BINS = ("/usr/bin/valgrind", "/usr/bin/valgrind.bin")   # Lab(valgrind=True)
 VALGRIND_LIBEXEC = "/usr/libexec/valgrind"
 PROC_PIDS = 4096   # /proc/<pid> links for the router's own pids (LeakSanitizer reads them)
@@ -164,6 +165,12 @@ class Proc:
             rc = self.wait(5)
         return rc
 
+    def figures(self):
+        """(open descriptors, threads, VmRSS kB) of the process."""
+        with open(f"/proc/{self.pid}/status") as f:
+            st = dict(l.split(":", 1) for l in f if ":" in l)
+        return len(os.listdir(f"/proc/{self.pid}/fd")), int(st["Threads"]), int(st["VmRSS"].split()[0])
+
     def count(self, text, stream="err"):
         return (self.err() if stream == "err" else self.out()).count(text)
 
@@ -242,10 +249,11 @@ class Router:
             return f.read()
         return default
 
-    def calls(self, tool=None):
-        """Recorded stand-in calls, e.g. "boardkv 'get' 'SN'"; only tool's if given."""
-        lines = (self.read(CALLS) or "").splitlines()
-        return [l for l in lines if tool is None or l.split(" ", 1)[0] == tool]
+    def calls(self, *tools, argv=False):
+        """Recorded stand-in calls, e.g. "boardkv 'get' 'SN'" (argv: as lists);
+        only those of tools if given."""
+        lines = [l for l in (self.read(CALLS) or "").splitlines() if not tools or l.split(" ", 1)[0] in tools]
+        return [shlex.split(l) for l in lines] if argv else lines
 
     def write_uci(self):
         """Writes self.uci as /etc/config files (drops pending changes)."""
@@ -377,6 +385,12 @@ class Router:
         process, so that Proc.pid and /var/run/plaitd.pid stay the daemon's."""
         shutil.copy2(binary or PLAITD_BIN, self.path("/usr/sbin/plaitd"))
         return self.spawn(list(prefix) + ["/usr/sbin/plaitd"] + list(args), "plaitd")
+
+    def start_cap(self, *args):
+        """plaitd -S on br-lan (args added), once it listens."""
+        p = self.plaitd("-S", "-o", "-i", "br-lan", *args)
+        p.wait_log(LISTENING, 10)
+        return p
 
     def stop_all(self):
         for p in self.procs:

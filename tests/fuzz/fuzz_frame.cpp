@@ -1,29 +1,11 @@
 // Frames from a hostile peer at a real entity over a real TLS session. Byte 0
-// of the input sets the scene (bit 0: CAP role, bits 1-2: the entity's state,
-// bit 3: dry run, bit 4: the scripts fail, bit 5: the CAP already knows the
-// RE's MACs); the rest is the plaintext the peer sends, read by recv_message
-// frame after frame until the session ends. Besides memory safety it checks
-// the decisions: the state moves forward only by the one message that may
-// move it, an authentication moves it only with the password of the other
-// role's key, and a platform script runs only for a configuration message
-// taken in ST_RUNNING.
-#include <arpa/inet.h>
-#include <signal.h>
-#include <unistd.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include "fake_sys.h"
-#include "platform/env.h"
-#include "proto/frame.h"
-#include "proto/sync.h"
-#include "tls_pair.h"
-#include "util/codec.h"
-#include "util/log.h"
-
-// The command readers wait for slow output; fake_sys answers at once.
-extern "C" int usleep(useconds_t) { return 0; }
+// sets the scene (bit 0: CAP role, bits 1-2: the state, bit 3: dry run, bit 4:
+// the scripts fail, bit 5: the CAP knows the RE's MACs); the rest is what the
+// peer sends, read by recv_message frame by frame until the session ends. The
+// state moves forward only by the one message that may move it (an
+// authentication only with the other role's key), and a platform script runs
+// only for a configuration message taken in ST_RUNNING.
+#include "testing.h"
 
 namespace {
 
@@ -50,14 +32,6 @@ int32_t successor(int cap, int32_t from, uint16_t type, const uint8_t *b, size_t
     if (!id[0] || get_hmac_base64(cap ? 0 : 1, id, (int32_t)strlen(id), want, &len) != 0 || strcmp(want, pass) != 0)
         return from;
     return cap ? ST_AUTH_SENT : ST_RUNNING;
-}
-
-size_t scripts_run(void)
-{
-    size_t n = 0;
-    for (const auto &c : fake_sys_system_cmds())
-        n += c.find("mesh_setup.sh") != std::string::npos;
-    return n;
 }
 
 }  // namespace
@@ -113,14 +87,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const uint8_t *body = data + off + MSG_HDR_SIZE;
         size_t have = off + MSG_HDR_SIZE < size ? size - off - MSG_HDR_SIZE : 0;
         int32_t from = ent->state, next = successor(cap, from, type, body, have < len ? have : len);
-        size_t before = scripts_run();
+        size_t before = fake_sys_scripts();
         g_is_server = cap;
         if (recv_message(ent) == SYNC_ACCEPTED)   // as the RE's loop does
             sync_init_re(ent);
         off += MSG_HDR_SIZE + len;
         if (ent->ssl && ent->state != from && ent->state != next && ent->state != ST_STOP)
             die("the state moved without the message that may move it");
-        if (scripts_run() > before && (from != ST_RUNNING || type != (cap ? MSG_SYNC_REPLY : MSG_SYNC_REQ)))
+        if (fake_sys_scripts() > before && (from != ST_RUNNING || type != (cap ? MSG_SYNC_REPLY : MSG_SYNC_REQ)))
             die("a platform script ran outside the configuration exchange");
     }
     // Whatever state the session ended in, both records go back to the pool.

@@ -4,18 +4,7 @@
 // one of the expected scripts with its argument count, no shell character
 // may stand outside the single quotes, and every quoted argument is base64,
 // "null" or clean; a refused record runs no script, an accepted one exactly one.
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
-#include <vector>
-
-#include "fake_sys.h"
-#include "util/log.h"
-#include "platform/meshinit.h"
-#include "platform/wificonf.h"
-#include "util/shell.h"
+#include "testing.h"
 
 namespace {
 

@@ -1,12 +1,9 @@
 """Fixtures of the system tests on the two-router lab (lab/routerlab.py, lab/README.md)."""
 import os
 import signal
-import sys
 
 import pytest
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "lab"))
-import routerlab  # noqa: E402
+import routerlab   # PYTHONPATH=lab
 
 
 def _interrupt(signum, frame):
@@ -15,8 +12,8 @@ def _interrupt(signum, frame):
 
 @pytest.fixture(scope="session", autouse=True)
 def lab_session():
-    if os.geteuid() != 0:
-        pytest.skip("the lab needs root (network and mount namespaces)")
+    if os.geteuid() != 0 or not os.access(routerlab.PLAITD_BIN, os.X_OK):
+        pytest.skip(f"the lab needs root and the binary at {routerlab.PLAITD_BIN} (PLAITD_BIN)")
     routerlab.cleanup_stale()
     signal.signal(signal.SIGTERM, _interrupt)
     signal.signal(signal.SIGHUP, _interrupt)
@@ -36,10 +33,3 @@ def make_lab():
     yield make
     for lab in labs:
         lab.down()
-
-
-@pytest.fixture
-def plaitd_bin():
-    if not os.access(routerlab.PLAITD_BIN, os.X_OK):
-        pytest.skip(f"no plaitd binary at {routerlab.PLAITD_BIN} (set PLAITD_BIN)")
-    return routerlab.PLAITD_BIN

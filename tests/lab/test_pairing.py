@@ -1,14 +1,10 @@
 """A whole pairing between the real CAP (plaitd -S) and RE (plaitd -C)."""
 import base64
-import os
 import re
-import shlex
 import subprocess
 
 import routerlab
 
-FACTORY = routerlab.FACTORY_IP
-LOCK = "/var/run/plaitd.lock"
 MACLISTS = ("/tmp/bh_maclist_2g", "/tmp/bh_maclist_5g")
 
 
@@ -16,30 +12,19 @@ def b64(s):
     return base64.b64encode(s.encode()).decode()
 
 
-def calls(router, *tools):
-    """Recorded stand-in calls of tools as argv lists."""
-    return [shlex.split(l) for l in router.calls() if l.split(" ", 1)[0] in tools]
-
-
-def start_cap(lab):
-    cap = lab.cap.plaitd("-S", "-o", "-i", "br-lan")
-    cap.wait_log("enter server looping....\n", 10)
-    return cap
-
-
-def test_whole_pairing(make_lab, plaitd_bin):
+def test_whole_pairing(make_lab):
     """The RE starts without a lease; the udhcpc hook writes the gateway file and
     sends SIGUSR1; discovery, both authentications, the configuration, the
     platform scripts of both sides and the factory-address clash follow."""
     lab = make_lab(uplink=None)
     for f in MACLISTS:
         lab.re.write(f, "stale")
-    cap = start_cap(lab)
+    cap = lab.cap.start_cap()
     re_ = lab.re.plaitd("-C", "-o", "-i", "eth4")
     re_.wait_log("dd_clt: no CAP found in L2-net. just exit. \n", 10)
     lab.dhcp_uplink()
     gw, ip = lab.re.read("/tmp/cab_plaitd_gw_ip").split()
-    assert gw == FACTORY and ip.startswith("192.168.77.")
+    assert gw == routerlab.FACTORY_IP and ip.startswith("192.168.77.")
     assert re_.wait(20) == 0, re_.log()[-3000:]
     assert f"RE triggered to get new gw:[{gw}] and ip:[{ip}] from iface: [eth4]\n" in re_.log()
     cap.wait_log("mesh.re.conn.type=wire:1", 5, stream="out")
@@ -50,20 +35,20 @@ def test_whole_pairing(make_lab, plaitd_bin):
         key = uci.get(f"wireless.{sec}.{'sae_password' if enc.startswith('ccmp') else 'key'}", "")
         return [b64(uci[f"wireless.{sec}.ssid"]), "null" if "none".startswith(enc) else b64(key), enc]
     bh = [b64(uci["wireless.bh_ap.ssid"]), b64(uci["wireless.bh_ap.key"])]
-    assert [c[1:] for c in calls(lab.re, "mesh_setup.sh")] == [["re_init"] + band("wifi1") + band("wifi0") + bh + ["psk2", "1"]]
+    assert [c[1:] for c in lab.re.calls("mesh_setup.sh", argv=True)] == [["re_init"] + band("wifi1") + band("wifi0") + bh + ["psk2", "1"]]
     # the CAP: the RE's MAC, four addresses derived from its radio MACs, the backhaul
     mac2, mac5 = (lab.re.uci[f"wireless.{s}.macaddr"].upper() for s in ("wifi1", "wifi0"))
     derived = [o + m[2:] for o, m in zip(("32", "32", "2E", "2E"), (mac2, mac5, mac2, mac5))]
-    assert [c[1:] for c in calls(lab.cap, "mesh_setup.sh")] == [["cap_init", routerlab.RE_MAC] + derived + bh + ["1"]]
-    assert [c[:2] for c in calls(lab.cap, "vsled", "mesh_setup.sh")] == [
+    assert [c[1:] for c in lab.cap.calls("mesh_setup.sh", argv=True)] == [["cap_init", routerlab.RE_MAC] + derived + bh + ["1"]]
+    assert [c[:2] for c in lab.cap.calls("vsled", "mesh_setup.sh", argv=True)] == [
         ["vsled", "meshing"], ["mesh_setup.sh", "cap_init"], ["vsled", "mesh_finish"]]
-    assert [c[:2] for c in calls(lab.re, "vsled", "mesh_setup.sh", "lua")] == [
+    assert [c[:2] for c in lab.re.calls("vsled", "mesh_setup.sh", "lua", argv=True)] == [
         ["vsled", "mesh_join"], ["lua", "/usr/sbin/mesh_info.lua"], ["mesh_setup.sh", "re_init"], ["vsled", "mesh_finish"]]
     # status records exactly as formatted: no line feed between them
     assert re.search(r"\nmesh\.re\.conn\.duration=wire:\d+mesh\.re\.conn\.type=wire:1$", cap.out()), cap.out()
     assert "mesh.re.conn.fail" not in cap.out() + re_.out()
     assert lab.re.read("/tmp/extra_wifi_param").startswith('{"mesh":')
-    assert [lab.re.read(f) for f in MACLISTS] + [r.read(LOCK) for r in lab.routers] == [None] * 4
+    assert [lab.re.read(f) for f in MACLISTS] + [r.read(routerlab.LOCK) for r in lab.routers] == [None] * 4
     addrs = subprocess.run(["ip", "-n", lab.re.ns, "-4", "-o", "addr", "show", "br-lan"],
                            capture_output=True, text=True, check=True).stdout
     assert re.findall(r"inet ([\d.]+)/", addrs) == [ip]   # the clash moved br-lan to the uplink's address
@@ -72,23 +57,22 @@ def test_whole_pairing(make_lab, plaitd_bin):
     assert cap.stop() == 255 and "Sanitizer" not in cap.log() + re_.log(), cap.log()[-3000:]
 
 
-def test_three_res_at_once(make_lab, plaitd_bin):
+def test_three_res_at_once(make_lab):
     """Three REs let loose in the same instant (a gate file) on one CAP, each
     with its own lease: the CAP serves one at a time, the others come back on
     their own retry rhythm until every one is paired, and the CAP is as before."""
     lab = make_lab(uplink="dhcp", n=3)
-    cap = start_cap(lab)
-    held = lambda: (len(os.listdir(f"/proc/{cap.pid}/fd")), len(os.listdir(f"/proc/{cap.pid}/task")))  # noqa
-    idle = held()
+    cap = lab.cap.start_cap()
+    idle = cap.figures()[:2]
     gate = ["/bin/sh", "-c", 'until [ -e /tmp/go ]; do usleep 2000; done; exec "$@"', "gate"]
     res = [r.plaitd("-C", "-o", "-i", "eth4", prefix=gate) for r in lab.res]
     for r in lab.res:
         r.write("/tmp/go", "")
     assert [p.wait(45) for p in res] == [0] * 3, [p.log()[-2000:] for p in res]
     cap.wait_log("mesh.re.conn.type=wire:1", 5, count=3, stream="out")
-    setups = [c[1:] for c in calls(lab.cap, "mesh_setup.sh")]
+    setups = [c[1:] for c in lab.cap.calls("mesh_setup.sh", argv=True)]
     for r, p in zip(lab.res, res):
-        assert [c[1] for c in calls(r, "mesh_setup.sh")] == ["re_init"]
+        assert [c[1] for c in r.calls("mesh_setup.sh", argv=True)] == ["re_init"]
         assert p.count("RE cab mesh init done.") == 1
         mac2, mac5 = (r.uci[f"wireless.{s}.macaddr"].upper() for s in ("wifi1", "wifi0"))
         mine = [c for c in setups if c[1] == r.mac]
@@ -96,6 +80,6 @@ def test_three_res_at_once(make_lab, plaitd_bin):
             m[2:] for m in (mac2, mac5, mac2, mac5)]], (r.name, setups)
     assert len(setups) == 3 and cap.out().count("mesh.re.conn.duration=wire:") == 3
     assert "mesh.re.conn.fail" not in cap.out() + "".join(p.out() for p in res)
-    assert routerlab.wait_until(lambda: held() == idle, 10), (idle, held())
+    assert routerlab.wait_until(lambda: cap.figures()[:2] == idle, 10), (idle, cap.figures())
     assert cap.stop() == 255   # LeakSanitizer, if built in, reports at this exit
     assert not re.search("Sanitizer|runtime error:", cap.log() + "".join(p.log() for p in res))

@@ -14,15 +14,15 @@ config_load() {  # reads "option <name> '<value>'" lines of $conf
 config_get() {  # var section option [default]; an empty value takes the default
 	eval "$1=\${cfg_$3:-\$4}"
 }
-procd_open_instance() { echo open >> "$tmp/rec"; }
-procd_set_param() { echo "$*" >> "$tmp/rec"; }
-procd_close_instance() { echo close >> "$tmp/rec"; }
+procd_open_instance() { printf open >> "$tmp/rec"; }
+procd_set_param() { printf '|%s' "$*" >> "$tmp/rec"; }
+procd_close_instance() { printf '|close' >> "$tmp/rec"; }
 
-# name | uci options (empty: the packaged config) | start_service status | record
+# name | uci options, \n between (empty: the packaged config) | start_service status | record, | between
 check() {
 	: > "$tmp/rec"
 	conf=$top/openwrt/plaitd/files/plaitd.config
-	if [ -n "$2" ]; then conf=$tmp/conf; printf '%s\n' "$2" > "$conf"; fi
+	if [ -n "$2" ]; then conf=$tmp/conf; printf '%b\n' "$2" > "$conf"; fi
 	(
 		unset cfg_role cfg_interface cfg_log_level
 		# shellcheck source=/dev/null
@@ -36,36 +36,15 @@ check() {
 		fails=$((fails + 1))
 	fi
 }
-pid="pidfile /var/run/plaitd.pid"
+end="stderr 1|pidfile /var/run/plaitd.pid|close"
 
-check packaged "" 0 "open
-command /usr/sbin/plaitd -C -l 2
-stderr 1
-$pid
-close"
-check cap "option role 'cap'
-option interface 'br-lan'
-option log_level '7'" 0 "open
-command /usr/sbin/plaitd -S -i br-lan -l 7
-respawn 3600 5 0
-stderr 1
-$pid
-close"
-check re-bad-level "option role 're'
-option interface 'eth4'
-option log_level '9'" 0 "open
-command /usr/sbin/plaitd -C -i eth4 -l 2
-stderr 1
-$pid
-close"
-check cap-no-interface "option role 'cap'" 0 "open
-command /usr/sbin/plaitd -S -l 2
-respawn 3600 5 0
-stderr 1
-$pid
-close"
-check bad-role "option role 'master'
-option interface 'br-lan'" 1 ""
+check packaged "" 0 "open|command /usr/sbin/plaitd -C -l 2|$end"
+check cap "option role 'cap'\noption interface 'br-lan'\noption log_level '7'" 0 \
+	"open|command /usr/sbin/plaitd -S -i br-lan -l 7|respawn 3600 5 0|$end"
+check re-bad-level "option role 're'\noption interface 'eth4'\noption log_level '9'" 0 \
+	"open|command /usr/sbin/plaitd -C -i eth4 -l 2|$end"
+check cap-no-interface "option role 'cap'" 0 "open|command /usr/sbin/plaitd -S -l 2|respawn 3600 5 0|$end"
+check bad-role "option role 'master'\noption interface 'br-lan'" 1 ""
 
 [ "$fails" -eq 0 ] && echo "init script: all cases passed"
 exit "$fails"

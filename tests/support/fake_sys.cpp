@@ -1,11 +1,15 @@
-#include "fake_sys.h"
-
 #include <deque>
 #include <mutex>
-#include <stdio.h>
-#include <string.h>
 
-#include "util/sys.h"
+#include "testing.h"
+
+bool fake_sys_real_sleep;
+extern "C" int usleep(useconds_t us)
+{
+    if (fake_sys_real_sleep)
+        std::this_thread::sleep_for(std::chrono::microseconds(us));
+    return 0;
+}
 
 namespace {
 std::vector<std::pair<std::string, std::string>> rules;   // pattern, output
@@ -57,11 +61,9 @@ void fake_sys_install(void)
     sys_set_ops(&fake_ops);
 }
 
-void fake_sys_uninstall(void) { sys_set_ops(nullptr); }
 void fake_sys_answer(const std::string &pattern, const std::string &output) { rules.push_back({pattern, output}); }
 void fake_sys_hook(std::function<void(const std::string &)> h) { hook = h; }
 void fake_sys_system_status(int status) { sys_status = status; }
-const std::vector<std::string> &fake_sys_log(void) { return seen; }
 
 void fake_sys_router(void)
 {
@@ -101,4 +103,12 @@ bool fake_sys_ran(const std::string &cmd)
         if (s == "popen: " + cmd || s == "system: " + cmd)
             return true;
     return false;
+}
+
+size_t fake_sys_scripts(void)
+{
+    size_t n = 0;
+    for (const auto &c : fake_sys_system_cmds())
+        n += c.find("mesh_setup.sh") != std::string::npos;
+    return n;
 }

@@ -3,30 +3,7 @@
 // slots and their release. g_is_server is the role of the acting end.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <string>
-
-#include "client/client.h"
-#include "platform/env.h"
-#include "discovery/ddsock.h"
-#include "capture.h"
-#include "fake_sys.h"
-#include "platform/meshinit.h"
-#include "proto/auth.h"
-#include "proto/frame.h"
-#include "proto/sync.h"
-#include "tls_pair.h"
-#include "util/addr.h"
-#include "util/codec.h"
-#include "util/log.h"
-#include "util/shell.h"
-
-extern "C" int usleep(useconds_t) { return 0; }   // fake_sys answers at once
+#include "testing.h"
 
 namespace {
 
@@ -128,9 +105,7 @@ TEST_F(Proto, EveryStateAgainstEveryMessage)
             int32_t rc = deliver(r.server, frame(r.type, r.body));
             if (rc == SYNC_ACCEPTED)   // the RE's loop applies an accepted configuration
                 rc = sync_init_re(me);
-            size_t scripts = 0;
-            for (const auto &c : fake_sys_system_cmds())
-                scripts += c.find("mesh_setup.sh") != std::string::npos;
+            size_t scripts = fake_sys_scripts();
             char got[3] = {(char)('0' + me->state), '-', 0};
             if (!me->ssl)
                 got[0] = rc != 0 ? 'x' : scripts ? '*' : 'f';
