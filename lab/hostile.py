@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """Traffic against a CAP, run in the RE's network namespace:
-python3 hostile.py plans|cycles|halfopen|ddflood|ddsend '<json args>' (see
+python3 hostile.py plans|cycles|ddflood|ddsend '<json args>' (see
 the cmd_ functions). Prints JSON lines ({"step": ...}), the last {"step":
 "done", ...} with the figures, or {"step": "error", ...}. Every loop is
 bounded in count and time."""
@@ -155,38 +155,6 @@ def cmd_cycles(a):
                 c["failed"] += 1
     emit({"step": "done", **c, "slowest_connect": round(slowest, 3),
           "elapsed": round(time.monotonic() - t0, 3)})
-
-
-def _is_closed(s):
-    """True once the other end has closed s (non-blocking look)."""
-    if not select.select([s], [], [], 0)[0]:
-        return False
-    try:
-        return s.recv(1, socket.MSG_PEEK) == b""
-    except OSError:
-        return True
-
-
-def cmd_halfopen(a):
-    """k connections that send nothing. After probe_s, reports how many the
-    CAP has closed; then holds the rest until the path `release` appears (or
-    max_s), or, with wait_close, until the CAP closes them."""
-    socks = [socket.create_connection((a.get("host", CAP_IP), peer.PORT), timeout=5)
-             for _ in range(a["k"])]
-    time.sleep(a.get("probe_s", 1.0))
-    closed = [_is_closed(s) for s in socks]
-    emit({"step": "held", "open": closed.count(False), "closed": closed.count(True)})
-    if a.get("wait_close"):
-        t0 = time.monotonic()
-        while time.monotonic() < t0 + a["wait_close"] and not all(map(_is_closed, socks)):
-            time.sleep(0.1)
-        emit({"step": "cap_closed", "all": all(map(_is_closed, socks)),
-              "after": round(time.monotonic() - t0, 2)})
-    else:
-        emit({"step": "released", "by_test": _hold(a.get("release"), a.get("max_s", 20))})
-    for s in socks:
-        s.close()
-    emit({"step": "done"})
 
 
 FLOOD = (("valid", REQ + b"\0"), ("valid_tail", REQ + b"\0" + os.urandom(40)), ("no_nul", REQ),

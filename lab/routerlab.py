@@ -386,6 +386,26 @@ class Router:
         shutil.copy2(binary or PLAITD_BIN, self.path("/usr/sbin/plaitd"))
         return self.spawn(list(prefix) + ["/usr/sbin/plaitd"] + list(args), "plaitd")
 
+    def job(self, prog, *args):
+        """lab/<prog> (peer.py, hostile.py) in the router's namespace, args
+        JSON-encoded unless strings."""
+        argv = [a if isinstance(a, str) else json.dumps(a) for a in args]
+        return NetnsJob(self, ["/usr/bin/python3", os.path.join(HERE, prog)] + argv, prog.split(".")[0])
+
+    def hold_mesh_lock(self):
+        """Writes the daemon's mesh lock as if another process had just taken it."""
+        with open("/proc/uptime") as f:
+            self.write(LOCK, str(int(float(f.read().split()[0]))))
+
+    def drop_mesh_lock(self):
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(self.path(LOCK))
+
+    def ipv4(self, dev):
+        """The IPv4 addresses on dev, in order."""
+        out = subprocess.run(["ip", "-n", self.ns, "-4", "-o", "addr", "show", dev], capture_output=True, text=True)
+        return re.findall(r"inet ([\d.]+)/", out.stdout)
+
     def start_cap(self, *args):
         """plaitd -S on br-lan (args added), once it listens."""
         p = self.plaitd("-S", "-o", "-i", "br-lan", *args)

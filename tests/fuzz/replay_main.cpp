@@ -1,5 +1,5 @@
-// Replays files through a fuzz target without libFuzzer: every argument is a
-// file or a directory whose files (sorted) are each one input.
+// Replays a corpus through a fuzz target without libFuzzer: every file (sorted)
+// of the directories named is one input.
 #include <dirent.h>
 #include <stdio.h>
 
@@ -14,14 +14,14 @@ int main(int argc, char **argv)
 {
     if (LLVMFuzzerInitialize)
         LLVMFuzzerInitialize(&argc, &argv);
-    std::vector<std::string> files;
-    for (int i = 1; i < argc; i++) {
-        DIR *d = opendir(argv[i]);
-        for (struct dirent *e; d && (e = readdir(d));)
-            if (e->d_name[0] != '.')
-                files.push_back(std::string(argv[i]) + "/" + e->d_name);
-        d ? (void)closedir(d) : files.push_back(argv[i]);
-    }
+    std::vector<std::string> files;   // the files of the directories named
+    for (int i = 1; i < argc; i++)
+        if (DIR *d = opendir(argv[i])) {
+            for (struct dirent *e; (e = readdir(d));)
+                if (e->d_name[0] != '.')
+                    files.push_back(std::string(argv[i]) + "/" + e->d_name);
+            closedir(d);
+        }
     std::sort(files.begin(), files.end());
     for (const auto &f : files) {
         FILE *fp = fopen(f.c_str(), "rb");

@@ -1,4 +1,5 @@
-"""Fixtures of the system tests on the two-router lab (lab/routerlab.py, lab/README.md)."""
+"""The fixture of the system tests: make_lab(uplink="static"|"dhcp"|None,
+**routerlab.Lab keywords) -> an up Lab, torn down after the test (lab/README.md)."""
 import os
 import signal
 
@@ -15,13 +16,11 @@ def lab_session():
     if os.geteuid() != 0 or not os.access(routerlab.PLAITD_BIN, os.X_OK):
         pytest.skip(f"the lab needs root and the binary at {routerlab.PLAITD_BIN} (PLAITD_BIN)")
     routerlab.cleanup_stale()
-    signal.signal(signal.SIGTERM, _interrupt)
-    signal.signal(signal.SIGHUP, _interrupt)
+    signal.signal(signal.SIGTERM, _interrupt), signal.signal(signal.SIGHUP, _interrupt)
 
 
 @pytest.fixture
 def make_lab():
-    """make_lab(uplink="static"|"dhcp"|None, **routerlab.Lab keywords) -> an up Lab, torn down after the test."""
     labs = []
 
     def make(uplink="static", **kw):
@@ -29,7 +28,6 @@ def make_lab():
         labs[-1].up()
         getattr(labs[-1], f"{uplink}_uplink", lambda: None)()
         return labs[-1]
-
     yield make
     for lab in labs:
         lab.down()

@@ -1,15 +1,11 @@
 """SIGTERM/SIGINT at random moments of every phase of both daemons.
 PLAITD_STRESS_SCALE scales the counts (default 1, 0.25 for a sanitizer build)."""
-import json
 import os
 import random
-import re
-import subprocess
 import time
 
 import routerlab
 
-PEER, HOSTILE = (os.path.join(routerlab.HERE, f) for f in ("peer.py", "hostile.py"))
 FACTORY, P = routerlab.FACTORY_IP, f"peer-{routerlab.RE_STATIC_IP}"
 with open(routerlab.PLAITD_BIN, "rb") as _f:
     _img = _f.read()
@@ -17,15 +13,6 @@ SCALE = float(os.environ.get("PLAITD_STRESS_SCALE", "0.25" if b"__asan_init" in 
 # An honest RE up to the CAP's cap_init: both authentications, then the sync reply.
 HONEST = [["auth_req", {}], ["recv", {}], ["recv", {}], ["reply", {}], ["recv", {}], ["reply", {"sync": True}],
           ["sleep", {"s": 3}]]
-
-
-def job(router, prog, *args):
-    return routerlab.NetnsJob(router, ["/usr/bin/python3", prog] + [a if isinstance(a, str) else json.dumps(a) for a in args], "job")
-
-
-def uptime():
-    with open("/proc/uptime") as f:
-        return int(float(f.read().split()[0]))
 
 
 def stop_and_check(router, proc, sig, bad):
@@ -38,9 +25,7 @@ def stop_and_check(router, proc, sig, bad):
     if not (rc == 255 and f"NOTE: get sig: {int(sig)}.\n" in log and "cleanup cable-mesh resources before exit.\n"
             in log and router.read(routerlab.LOCK) is None):
         bad.append((rc, log[-1500:]))
-        proc.stop(1)
-        if os.path.exists(router.path(routerlab.LOCK)):
-            os.unlink(router.path(routerlab.LOCK))
+        proc.stop(1), router.drop_mesh_lock()
     return True
 
 
@@ -49,8 +34,8 @@ def test_cap_stops_cleanly_on_signals_in_every_phase(make_lab):
     lab.cap.write("/lab/ans/mesh_setup.sh", "sleep 0.5\n")   # a signal can land while cap_init runs
     lab.cap.plaitd("-h").wait(5)   # puts the binary in place
     rng, bad, n = random.Random(11), [], max(10, int(200 * SCALE))
-    phases = {"idle": None, "hostile_hello": (HOSTILE, "plans", "incoming peer"), "tls": (PEER, "re", "incoming peer"),
-              "auth": (PEER, "re", f"[{P}]: ST_TCP_DONE -> ST_SSL_DONE"), "cap_init": (PEER, "re", "NOTE: execute tolvaInitCap")}
+    phases = {"idle": None, "hostile_hello": ("hostile.py", "plans", "incoming peer"), "tls": ("peer.py", "re", "incoming peer"),
+              "auth": ("peer.py", "re", f"[{P}]: ST_TCP_DONE -> ST_SSL_DONE"), "cap_init": ("peer.py", "re", "NOTE: execute tolvaInitCap")}
     for i in range(n):
         phase = list(phases)[i % 5]
         cap = lab.cap.spawn(["/usr/sbin/plaitd", "-S", "-o", "-i", "br-lan"], "plaitd")
@@ -60,7 +45,7 @@ def test_cap_stops_cleanly_on_signals_in_every_phase(make_lab):
             prog, cmd, mark = phases[phase]
             steps = {"hostile_hello": {"plans": [["half", [["hello_part", rng.choice([0.3, 0.7, 1.0])], ["closed", 5]]]]},
                      "tls": [["sleep", {"s": 5}]]}.get(phase, HONEST)
-            peer = job(lab.re, prog, cmd, steps) if prog == HOSTILE else job(lab.re, prog, cmd, steps, {})
+            peer = lab.re.job(prog, cmd, steps) if prog == "hostile.py" else lab.re.job(prog, cmd, steps, {})
             routerlab.wait_until(lambda: mark in cap.err(), 10, step=0.002)
         time.sleep(rng.uniform(0, 0.3 if phase in ("idle", "cap_init") else 0.02))
         stop_and_check(lab.cap, cap, (15, 2)[i % 2], bad)
@@ -78,18 +63,17 @@ def test_re_stops_cleanly_on_signals_in_every_phase(make_lab):
     while signals < n and paired < n:
         busy = signals % 3 == 2   # the CAP refuses: the RE waits and retries
         if busy:
-            lab.cap.write(routerlab.LOCK, str(uptime()))
+            lab.cap.hold_mesh_lock()
         re_ = lab.re.spawn(["/usr/sbin/plaitd", "-C", "-o"], "plaitd")
         time.sleep(rng.uniform(0.05, 4.0 if busy else 1.2))
         if not re_.running() or stop_and_check(lab.re, re_, (15, 2)[signals % 2], bad) is None:
             paired += 1   # paired before the signal: not a signal case
         else:
             signals += 1
-            out = subprocess.run(["ip", "-n", lab.re.ns, "-4", "-o", "addr", "show", "br-lan"], capture_output=True, text=True)
-            lan = lab.re.sh("uci -q get network.lan.ipaddr").stdout.strip(), re.findall(r"inet ([\d.]+)/", out.stdout)
+            lan = lab.re.sh("uci -q get network.lan.ipaddr").stdout.strip(), lab.re.ipv4("br-lan")
             if lan != (FACTORY, [FACTORY]):   # the clean-up puts the LAN address back
                 bad.append(("lan", lan, re_.log()[-1500:]))
         lab.re.sh(f"uci -q set network.lan.ipaddr={FACTORY}; uci commit network; ifconfig br-lan {FACTORY}")
-        if busy and os.path.exists(lab.cap.path(routerlab.LOCK)):
-            os.unlink(lab.cap.path(routerlab.LOCK))
+        if busy:   # ours, not the CAP's
+            lab.cap.drop_mesh_lock()
     assert not bad and cap.running(), (len(bad), bad[:3])

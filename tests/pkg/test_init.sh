@@ -1,7 +1,6 @@
 #!/bin/sh
-# Runs openwrt/plaitd/files/plaitd.init under busybox ash with the rc.common,
-# uci and procd functions it calls replaced by stand-ins that record their
-# calls, and checks the recorded instance for each configuration.
+# Runs openwrt/plaitd/files/plaitd.init under busybox ash, its rc.common, uci and procd
+# calls answered by recording stand-ins; checks the instance for each configuration.
 # shellcheck disable=SC2317 # the stand-ins are called by the sourced script
 [ -n "$IN_ASH" ] || IN_ASH=1 exec busybox ash "$0" "$@"
 top=$(cd "$(dirname "$0")/../.." && pwd)
@@ -29,8 +28,7 @@ check() {
 		. "$top/openwrt/plaitd/files/plaitd.init"
 		start_service 2> /dev/null
 	)
-	st=$?
-	got=$(cat "$tmp/rec")
+	st=$? got=$(cat "$tmp/rec")
 	if [ "$st" != "$3" ] || [ "$got" != "$4" ]; then
 		printf 'FAIL %s: status %s (want %s)\n%s\nwant:\n%s\n' "$1" "$st" "$3" "$got" "$4"
 		fails=$((fails + 1))

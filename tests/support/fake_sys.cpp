@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <deque>
 #include <mutex>
 
@@ -13,8 +14,8 @@ extern "C" int usleep(useconds_t us)
 
 namespace {
 std::vector<std::pair<std::string, std::string>> rules;   // pattern, output
-std::vector<std::string> seen;
-std::deque<std::string> buffers;   // fmemopen keeps pointers into these
+std::vector<std::string> asked, ran;                      // popen(), system()
+std::deque<std::string> buffers;                          // fmemopen keeps pointers into these
 int sys_status;
 std::function<void(const std::string &)> hook;
 std::recursive_mutex mu;   // the daemon's threads run commands at once
@@ -22,7 +23,7 @@ std::recursive_mutex mu;   // the daemon's threads run commands at once
 FILE *fake_popen(const char *cmd, const char *)
 {
     std::lock_guard<std::recursive_mutex> g(mu);
-    seen.push_back(std::string("popen: ") + cmd);
+    asked.push_back(cmd);
     if (hook)
         hook(cmd);
     for (auto it = rules.rbegin(); it != rules.rend(); ++it) {
@@ -45,7 +46,7 @@ int fake_pclose(FILE *fp) { return fclose(fp); }
 int fake_system(const char *cmd)
 {
     std::lock_guard<std::recursive_mutex> g(mu);
-    seen.push_back(std::string("system: ") + cmd);
+    ran.push_back(cmd);
     if (hook)
         hook(cmd);
     return sys_status;
@@ -56,7 +57,7 @@ const sys_ops fake_ops = {fake_popen, fake_pclose, fake_system};
 
 void fake_sys_install(void)
 {
-    rules.clear(), seen.clear(), buffers.clear();
+    rules.clear(), asked.clear(), ran.clear(), buffers.clear();
     sys_status = 0, hook = nullptr;
     sys_set_ops(&fake_ops);
 }
@@ -89,26 +90,17 @@ void fake_sys_router(void)
 std::vector<std::string> fake_sys_system_cmds(void)
 {
     std::lock_guard<std::recursive_mutex> g(mu);
-    std::vector<std::string> out;
-    for (const auto &s : seen)
-        if (s.rfind("system: ", 0) == 0)
-            out.push_back(s.substr(8));
-    return out;
+    return ran;
 }
 
 bool fake_sys_ran(const std::string &cmd)
 {
     std::lock_guard<std::recursive_mutex> g(mu);
-    for (const auto &s : seen)
-        if (s == "popen: " + cmd || s == "system: " + cmd)
-            return true;
-    return false;
+    return std::count(asked.begin(), asked.end(), cmd) + std::count(ran.begin(), ran.end(), cmd) > 0;
 }
 
 size_t fake_sys_scripts(void)
 {
-    size_t n = 0;
-    for (const auto &c : fake_sys_system_cmds())
-        n += c.find("mesh_setup.sh") != std::string::npos;
-    return n;
+    std::lock_guard<std::recursive_mutex> g(mu);
+    return std::count_if(ran.begin(), ran.end(), [](const std::string &c) { return c.find("mesh_setup.sh") != c.npos; });
 }

@@ -1,8 +1,6 @@
 #!/bin/sh
-# Runs a test binary in its own mount namespace with empty /tmp and /run, so the
-# daemon's fixed paths are private to the test; a checkout or build under /tmp
-# is carried over. PLAITD_TEST_EMULATOR (e.g. "qemu-mipsel-static -L /usr/mipsel-linux-gnu")
-# runs a cross-built binary.
+# Runs a test binary with private, empty /tmp and /run (a checkout or build under /tmp is
+# carried over), under $PLAITD_TEST_EMULATOR (qemu-mipsel-static, ...) if set.
 top=$(cd "$(dirname "$0")/../.." && pwd)
 bindir=$(cd "$(dirname "$1")" && pwd)
 # shellcheck disable=SC2016 # the inner shell expands these

@@ -1,5 +1,4 @@
-// Everything a test of the daemon includes: the daemon's headers, the shell
-// recorder (fake_sys.cpp) and small helpers around TLS, streams and namespaces.
+// What a test includes: the daemon's headers, the shell recorder (fake_sys.cpp), helpers.
 #pragma once
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -36,10 +35,9 @@
 #include "util/sig.h"
 #include "util/sys.h"
 
-// The shell recorder: every command line the daemon would run is recorded, and
-// popen() is answered from canned outputs (unmatched: no output). `pattern`
-// matches a command exactly, or as a prefix when it ends in '*'; later rules
-// win; the output FAKE_SYS_FAIL makes popen() itself fail.
+// The shell recorder: every command line is recorded; popen() is answered from canned
+// outputs, matched exactly or by a prefix ending in '*', later rules first (unmatched: no
+// output; FAKE_SYS_FAIL: popen() fails).
 #define FAKE_SYS_FAIL "\x01" "fail"
 void fake_sys_install(void);   // also clears rules, records, status and hook
 void fake_sys_answer(const std::string &pattern, const std::string &output);
@@ -98,9 +96,8 @@ inline bool tls_setup(const std::string &dir, SSL_CTX **cap, SSL_CTX **re)
     return *cap && *re;
 }
 
-// A handshaken pair of records over a socketpair: slot 1 the CAP's peer record,
-// slot 0 the RE's main record. 0 once both ends are through; else ssl_accept's
-// result (-1), or -2.
+// A handshaken pair over a socketpair (slot 1: the CAP's peer record, slot 0: the RE's
+// main record): 0, else ssl_accept's result (-1) or -2.
 inline int32_t tls_connect_pair(SSL_CTX *cap_ctx, SSL_CTX *re_ctx, entity **cap, entity **re)
 {
     int fds[2], rc = 0;

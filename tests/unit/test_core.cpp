@@ -1,6 +1,5 @@
-// Discovery parsing and sockets, the CAP's accept, sweep, release race and
-// clean-up, the RE's watchdog and pairing loop, the command line; in a network
-// namespace of the test's own, the platform answered by fake_sys.
+// Discovery, the CAP's accept, sweep, release race and clean-up, the RE's watchdog and
+// pairing loop; in a network namespace of the test's own, the platform recorded.
 #include <gtest/gtest.h>
 
 #include "testing.h"
@@ -32,16 +31,10 @@ std::vector<uint8_t> frame(const std::string &payload, int udp_len = -1, int ihl
     return f;
 }
 
-sockaddr_in addr(const char *ip, int port)
+int tcp_to(const char *ip, int port)   // the connected socket, or -errno
 {
     sockaddr_in a{};
-    a.sin_family = AF_INET, a.sin_port = htons((uint16_t)port);
-    inet_aton(ip, &a.sin_addr);
-    return a;
-}
-
-int tcp_to(sockaddr_in a)
-{
+    a.sin_family = AF_INET, a.sin_port = htons((uint16_t)port), inet_aton(ip, &a.sin_addr);
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     return connect(fd, (sockaddr *)&a, sizeof(a)) == 0 ? fd : (close(fd), -errno);
 }
@@ -74,8 +67,8 @@ TEST(Discovery, RawFrameParsing)
     }
 }
 
-// (The whole pairing runs discovery over loopback; these are its refusals.) A request is the
-// magic without its NUL; no answer while a pairing holds the mesh lock; the probe takes an answer only.
+// A request is the magic without its NUL; no answer while a pairing holds the mesh lock; the
+// probe takes an answer only; the sockets' failures leak nothing.
 TEST(Discovery, RefusalsOfResponderProbeAndSockets)
 {
     char buf[DD_RAW_BUF + 1] = "KORVANE_RE_DDv1.0more", ip[16];
@@ -129,8 +122,7 @@ TEST(Server, SweepReleasesOverdueSharesOnceAndCutsTheirSockets)
         }
         check_connection_timeout();
     } while ((long)uptime() != u);   // uptime ticked in between: sample again
-    // The overdue shares come back at once (the next RE is served); the
-    // sessions stay with their threads, whose sockets are cut.
+    // The overdue shares come back at once; the sessions stay with their threads, sockets cut.
     EXPECT_EQ(1, g_srving_cnt);
     char c;
     for (int i = 1; i <= 3; i++) {
@@ -150,23 +142,23 @@ TEST(Server, AcceptOneAtATimeAndGiveBackOnThreadFailure)
     reset(1);
     current = 100;
     int lfd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in sa = addr("127.0.0.1", 0);
+    sockaddr_in sa{};
     socklen_t len = sizeof(sa);
-    ASSERT_EQ(0, bind(lfd, (sockaddr *)&sa, sizeof(sa)));
-    ASSERT_EQ(0, listen(lfd, 4));
-    getsockname(lfd, (sockaddr *)&sa, &len);
+    sa.sin_family = AF_INET, sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_TRUE(bind(lfd, (sockaddr *)&sa, len) == 0 && listen(lfd, 4) == 0 && getsockname(lfd, (sockaddr *)&sa, &len) == 0);
+    const int port = ntohs(sa.sin_port);
     entity listener{};
     listener.fd = lfd;
     char c;
     // pthread_create reports failure as a positive error number: record, slot and share come back.
-    int cfd = tcp_to(sa);
+    int cfd = tcp_to("127.0.0.1", port);
     server_thread_create = [](pthread_t *, void *(*)(void *), void *) -> int32_t { return EAGAIN; };
     EXPECT_EQ(-1, handle_new_connection(&listener));
     EXPECT_TRUE(g_srving_cnt == 0 && !ent_pool[1].ssl && ent_live_threads() == 0);
     EXPECT_EQ(0, recv(cfd, &c, 1, 0));   // closed
     // Handed to a thread: named after the peer, keep-alive on, one share; a second peer is turned away.
     server_thread_create = record_thread;
-    int first = tcp_to(sa), second = tcp_to(sa), v = 0;
+    int first = tcp_to("127.0.0.1", port), second = tcp_to("127.0.0.1", port), v = 0;
     EXPECT_EQ(0, handle_new_connection(&listener));
     ASSERT_EQ(&ent_pool[1], created);
     EXPECT_STREQ("peer-127.0.0.1", created->name);
@@ -198,9 +190,8 @@ TEST(Server, ReleaseWaitingForTheLockSkipsARecordReleasedMeanwhile)
         pthread_mutex_unlock(&lock);
         t.join();
     });
-    EXPECT_NE(std::string::npos, out.find("freeing entity"));
-    EXPECT_EQ(out.find("freeing entity"), out.rfind("freeing entity"));   // released once
-    EXPECT_NE(-1, fcntl(0, F_GETFD));
+    size_t at = out.find("freeing entity");
+    EXPECT_TRUE(at != out.npos && at == out.rfind("freeing entity") && fcntl(0, F_GETFD) != -1) << out;   // released once
     dup2(keep, 0), close(keep), close(sv[1]);
 }
 
@@ -212,10 +203,10 @@ TEST(Server, AddressChangeEndsTheLoopAndCleanupReleasesEverySlot)
     int32_t rc = 99;
     std::thread t([&] { rc = start_mesh_server(nullptr, nullptr); });
     int fd = -1;
-    for (int i = 0; i < 200 && (fd = tcp_to(addr("127.0.0.1", 19553))) < 0; i++)
+    for (int i = 0; i < 200 && (fd = tcp_to("127.0.0.1", MESH_PORT)) < 0; i++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     close(fd);
-    EXPECT_EQ(-ECONNREFUSED, tcp_to(addr("127.0.0.2", 19553)));   // the interface's address only
+    EXPECT_EQ(-ECONNREFUSED, tcp_to("127.0.0.2", MESH_PORT));   // the interface's address only
     std::this_thread::sleep_for(std::chrono::milliseconds(300));   // the probe's peer thread ends
     __atomic_store_n(&ip_changed, 1, __ATOMIC_SEQ_CST);
     t.join();
@@ -255,8 +246,7 @@ TEST(Client, WatchdogAndBadTarget)
     EXPECT_EQ(0, g_sig_alarm);
     client_free_connect(SIGALRM);   // the handler only cuts the socket
     char c;
-    EXPECT_EQ(0, recv(sv[1], &c, 1, MSG_DONTWAIT));
-    EXPECT_EQ(ST_RUNNING, main_ent->state);
+    EXPECT_TRUE(recv(sv[1], &c, 1, MSG_DONTWAIT) == 0 && main_ent->state == ST_RUNNING);
     EXPECT_EQ(1, client_timer_expired());   // the loop runs the time-out, once
     EXPECT_TRUE(main_ent->state == ST_STOP && main_ent->fd == -1);
     EXPECT_EQ(0, client_timer_expired());
@@ -269,11 +259,9 @@ TEST(Client, WatchdogAndBadTarget)
     EXPECT_TRUE(!ent_pool[0].ssl && !g_timer_flag && alarm(0) == 0 && !strcmp(g_macaddr, "AA:BB:CC:DD:EE:FF"));
 }
 
-// The factory LAN address (192.168.77.1) of both boxes clashes with the way
-// to the CAP, by the gateway or by the CAP's address: the RE moves its LAN
-// address to its uplink one for the attempt and back after it fails, and
-// restarts DHCP when the CAP is on another /24. The attempt itself fails (no
-// TLS context); the box turns out initialised on the second look.
+// The factory LAN address (192.168.77.1) clashes with the way to the CAP (gateway or CAP
+// address): the RE moves its LAN address to the uplink's for the attempt and back after it
+// fails (no TLS context), and restarts DHCP when the CAP is on another /24; INITTED on the 2nd look.
 TEST(Flow, ReLoopClashesBothWays)
 {
     const char *wan = "uci -q set network.lan.ipaddr=10.0.0.20;uci commit network;ifconfig br-lan 10.0.0.20";

@@ -1,7 +1,5 @@
-// A whole pairing of two processes of the daemon over loopback: a CAP
-// (plaitd -S) and an RE (plaitd -C) forked from the test, each in a mount
-// namespace with its own /run (mesh lock), the platform answered by fake_sys
-// as a typical router. What each side handed to the platform is compared.
+// A whole pairing over loopback: a CAP (plaitd -S) and an RE (plaitd -C) forked from the
+// test, each with its own /run; what each side hands the (recorded) platform is compared.
 #include <gtest/gtest.h>
 
 #include <sys/mount.h>
@@ -46,12 +44,9 @@ pid_t daemon_child(const char *role)
         {"ifconfig lo |grep -o \"inet addr*", "127.0.0.1\n"}, {"ifconfig lo |grep -o \"HWaddr*", "28:6c:07:20:00:01\n"}};
     for (const auto &a : answers)
         fake_sys_answer(a[0], a[1]);
-    atexit(dump_commands);   // the CAP ends by its SIGTERM clean-up
+    atexit(dump_commands);   // either way out: the RE's return, the CAP's SIGTERM clean-up
     const char *argv[] = {"plaitd", role, "-o", "-l", "3", "-i", "lo", nullptr};
-    int rc = plaitd_main(7, const_cast<char **>(argv));
-    fflush(stdout);
-    dump_commands();
-    _exit(rc & 0xff);
+    exit(plaitd_main(7, const_cast<char **>(argv)) & 0xff);
 }
 
 int exit_status(pid_t pid)   // a hang ends at ctest's time-out

@@ -1,7 +1,5 @@
-// Below the protocol, at the boundaries: HMAC of each role, log levels,
-// command output, the injection guard, environment checks, socket options, the
-// mesh lock's life; Wi-Fi configuration and mesh role initialisation seen
-// through the command lines they hand the platform.
+// Below the protocol, at the boundaries: HMAC, logs, command output and injection guard,
+// environment, socket options, mesh lock; the command lines handed to the platform.
 #include <gtest/gtest.h>
 
 #include "testing.h"
@@ -184,10 +182,9 @@ TEST(Platform, CollectionVariants)
     }
     // The backhaul band picks the AP; 16 characters do not fit a 16-byte band: 5g.
     char band[16];
-    fake_sys_answer("mesh_tool backhaul get band", "2g");
-    fake_sys_answer("uci -q get misc.backhauls.backhaul_2g_ap_iface", "wl5\n");
-    EXPECT_TRUE(tolva_get_bh_band(band, sizeof(band)) == band && !strcmp(band, "2g") && tolvaGetWiFiConfig(&cfg) == 0);
-    EXPECT_TRUE(fake_sys_ran("uci -q get misc.backhauls.backhaul_2g_ap_iface"));
+    fake_sys_answer("mesh_tool backhaul get band", "2g"), fake_sys_answer("uci -q get misc.backhauls.backhaul_2g_ap_iface", "wl5\n");
+    EXPECT_TRUE(tolva_get_bh_band(band, sizeof(band)) == band && !strcmp(band, "2g") && tolvaGetWiFiConfig(&cfg) == 0 &&
+                fake_sys_ran("uci -q get misc.backhauls.backhaul_2g_ap_iface"));
     for (const char *b : {"abcdefghijklmnop", ""}) {
         fake_sys_answer("mesh_tool backhaul get band", b);
         EXPECT_EQ(nullptr, tolva_get_bh_band(band, sizeof(band))) << b;
@@ -207,10 +204,8 @@ TEST(Platform, CollectionVariants)
     // No backhaul section yet: a new random network each time.
     fake_sys_answer("uci show wireless | grep -w \"ifname='wl5'\" | cut -d '.' -f1-2", "");
     ASSERT_TRUE(tolvaGetWiFiConfig(&cfg) == 0 && tolvaGetWiFiConfig(&again) == 0);
-    char both[160];
-    snprintf(both, sizeof(both), "%s%s", cfg.bh_ssid, cfg.bh_key);
-    EXPECT_TRUE(strncmp(both, "KvMesh_", 7) == 0 && strlen(both) == 31 &&
-                strspn(both + 7, "0123456789abcdef") == 24) << both;
+    std::string both = std::string(cfg.bh_ssid) + cfg.bh_key;
+    EXPECT_TRUE(both.rfind("KvMesh_", 0) == 0 && both.size() == 31 && strspn(&both[7], "0123456789abcdef") == 24) << both;
     EXPECT_TRUE(strcmp(cfg.bh_ssid, again.bh_ssid) && strcmp(cfg.bh_key, again.bh_key));
     fake_sys_answer("uci show wireless | grep -w \"ifname='wl0'\" | cut -d '.' -f1-2", FAKE_SYS_FAIL);
     EXPECT_EQ(-1, tolvaGetWiFiConfig(&cfg));   // a query that cannot run
@@ -219,12 +214,10 @@ TEST(Platform, CollectionVariants)
 TEST(Platform, CommandLineVariantsAndScriptStatus)
 {
     fake_sys_install();
-    WiFiConfig cfg;
-    memset(&cfg, 0, sizeof(cfg));
+    WiFiConfig cfg{};
     strcpy(cfg.ssid_2g, "Home-2G"), strcpy(cfg.key_2g, "secret123"), strcpy(cfg.enc_2g, "none");
     strcpy(cfg.bh_ssid, "KvMesh_ab12cd34"), strcpy(cfg.bh_key, "k3y"), strcpy(cfg.bh_enc, "psk2");
-    cfg.bsd = 1;
-    strcpy(cfg.locale, "US");
+    cfg.bsd = 1, strcpy(cfg.locale, "US");
     ASSERT_EQ(0, tolvaInitRe(&cfg, "", 1));   // band steering: one network; the locale first, base64, unquoted
     cfg.bsd = 0, cfg.locale[0] = 0;
     strcpy(cfg.enc_2g, "nonexx"), strcpy(cfg.enc_5g, "psk2");   // not a prefix of "none"; an empty key stays ''
