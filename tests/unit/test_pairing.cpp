@@ -49,10 +49,13 @@ pid_t daemon_child(const char *role)
     exit(plaitd_main(7, const_cast<char **>(argv)) & 0xff);
 }
 
-int exit_status(pid_t pid)   // a hang ends at ctest's time-out
+int exit_status(pid_t pid, int secs)   // killed after secs
 {
     int st = 0;
-    waitpid(pid, &st, 0);
+    for (int i = 0; i < secs * 100 && waitpid(pid, &st, WNOHANG) == 0; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (waitpid(pid, &st, WNOHANG) == 0)
+        kill(pid, SIGKILL), waitpid(pid, &st, 0);
     return WIFEXITED(st) ? WEXITSTATUS(st) : -WTERMSIG(st);
 }
 
@@ -68,10 +71,10 @@ TEST(Pairing, CapAndReHandThePlatformTheConfiguration)
     ASSERT_EQ(0, system("ip route add default dev lo"));   // the discovery broadcasts stay on loopback
     pid_t cap = daemon_child("-S");
     std::this_thread::sleep_for(std::chrono::milliseconds(200));   // listening (the RE retries anyway)
-    EXPECT_EQ(0, exit_status(daemon_child("-C")));
+    EXPECT_EQ(0, exit_status(daemon_child("-C"), 15));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));   // the CAP's peer thread ends
     kill(cap, SIGTERM);
-    EXPECT_EQ(255, exit_status(cap));
+    EXPECT_EQ(255, exit_status(cap, 5));
     EXPECT_EQ("vsled mesh_join \n/usr/bin/lua /usr/sbin/mesh_info.lua locale ZGVmYXVsdA==\n"
               "/usr/sbin/mesh_setup.sh re_init 'SG9tZS0yRw==' 'cHNrLXNlY3JldA==' 'psk2' 'SG9tZS01Rw==' "
               "'c2FlLXNlY3JldC01' 'ccmp' 'S3ZNZXNoXzBhMWIyYzNk' 'MDAxMTIyMzM0NDU1NjZmZg==' 'psk2' 1\n"
