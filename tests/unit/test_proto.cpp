@@ -187,7 +187,7 @@ TEST_F(Proto, EntriesRefuseBadArguments)
         process_auth_reply(nullptr, b), process_auth_reply(cap, nullptr), send_sync_reply(nullptr, 1, ""),
         send_auth_reply(nullptr, 1, ""), send_auth_req(nullptr), send_mesh_conf(nullptr), ssl_accept(nullptr),
         ssl_accept(&nossl), entity_read_write(nullptr, 1, b, 4), entity_read_write(&nossl, 1, b, 4),
-        entity_read_write(cap, 1, nullptr, 4), check_auth(cap, nullptr, 14, "p", 1), check_auth(cap, "i", 1, nullptr, 1),
+        entity_read_write(cap, 1, nullptr, 4), entity_read(cap, nullptr, 4), check_auth(cap, nullptr, 14, "p", 1), check_auth(cap, "i", 1, nullptr, 1),
         check_auth(cap, "i", 1, "p", 0), client_connect(nullptr, "1.2.3.4"), client_connect(&nossl, "1.2.3.4"),
         dd_send_msg(-1, "", 9, b, 1), dd_send_msg(cap->fd, "", 9, nullptr, 1), dd_recv_msg(-1, t, &p, b, 4),
         dd_recv_msg(cap->fd, t, &p, nullptr, 4), dd_recv_msg(cap->fd, t, &p, b, -1), dd_recv_raw_msg(-1, b, 4),
