@@ -119,7 +119,10 @@ TEST(Util, SocketOptionsReadBackAndCloseOnce)
     int32_t n = fd, reuse = (dd_destory_sockfd(&n), dup(null));   // likely the same number: a second close must leave it
     dd_destory_sockfd(&n), dd_destory_sockfd(nullptr);
     EXPECT_TRUE(n == -1 && fcntl(reuse, F_GETFD) != -1);
-    close(reuse), close(null);
+    int keep = dup(0);   // descriptor 0 is one like any other (a daemon started with stdin closed)
+    close(0), n = dup(null), dd_destory_sockfd(&n);
+    EXPECT_TRUE(n == -1 && fcntl(0, F_GETFD) == -1);
+    dup2(keep, 0), close(keep), close(reuse), close(null);
 }
 
 TEST(Util, MeshLockLifeOwnershipAndStatusFile)
