@@ -5,8 +5,10 @@
 #include "testing.h"
 
 bool fake_sys_real_sleep;
+std::atomic<int> fake_sys_naps;
 extern "C" int usleep(useconds_t us)
 {
+    fake_sys_naps++;
     if (fake_sys_real_sleep)
         std::this_thread::sleep_for(std::chrono::microseconds(us));
     return 0;

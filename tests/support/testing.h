@@ -9,6 +9,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <thread>
@@ -48,8 +49,9 @@ void fake_sys_system_status(int status);                             // raw wait
 std::vector<std::string> fake_sys_system_cmds(void);
 bool fake_sys_ran(const std::string &cmd);
 size_t fake_sys_scripts(void);   // mesh_setup.sh command lines run so far
-// The daemon's waits for slow command output pass at once unless this is set.
+// The daemon's naps (usleep) are counted, and pass at once unless real sleep is asked for.
 extern bool fake_sys_real_sleep;
+extern std::atomic<int> fake_sys_naps;
 
 // What `fn` writes to a standard stream.
 inline std::string captured(FILE *s, const std::function<void()> &fn)

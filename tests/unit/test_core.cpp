@@ -225,7 +225,9 @@ TEST(Server, AddressChangeEndsTheLoopAndCleanupReleasesEverySlot)
         ASSERT_EQ(&ent_pool[i], new_entity(i ? "peer" : "CAP", sv[0], i == 0));
     }
     main_ent = &ent_pool[0];
+    int naps = fake_sys_naps;
     cleanup_mesh_cable();
+    EXPECT_EQ(naps, fake_sys_naps);   // no peer thread to wait for
     char c;
     for (int i = 0; i < ENT_POOL_SIZE; i++) {
         EXPECT_EQ(nullptr, ent_pool[i].ssl) << i;
