@@ -532,6 +532,16 @@ def _down_all():
             lab.down()
 
 
+def sanitizer(binary=None):
+    """"asan" or "tsan" when the daemon binary is built with that sanitizer, else None."""
+    try:
+        with open(binary or PLAITD_BIN, "rb") as f:
+            img = f.read()
+    except OSError:   # no binary: the tests skip
+        return None
+    return "asan" if b"__asan_init" in img else "tsan" if b"__tsan_init" in img else None
+
+
 def cleanup_stale(base=None):
     """Removes namespaces, processes and directories of labs whose owning
     process (the PID in "lab-<pid>-<hex>") is gone. Returns the names removed."""

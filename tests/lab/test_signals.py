@@ -7,9 +7,7 @@ import time
 import routerlab
 
 FACTORY, P = routerlab.FACTORY_IP, f"peer-{routerlab.RE_STATIC_IP}"
-with open(routerlab.PLAITD_BIN, "rb") as _f:
-    _img = _f.read()
-SCALE = float(os.environ.get("PLAITD_STRESS_SCALE", "0.25" if b"__asan_init" in _img or b"__tsan_init" in _img else "1"))
+SCALE = float(os.environ.get("PLAITD_STRESS_SCALE", "0.25" if routerlab.sanitizer() else "1"))
 # An honest RE up to the CAP's cap_init: both authentications, then the sync reply.
 HONEST = [["auth_req", {}], ["recv", {}], ["recv", {}], ["reply", {}], ["recv", {}], ["reply", {"sync": True}],
           ["sleep", {"s": 3}]]
