@@ -209,7 +209,7 @@ TEST(Server, AddressChangeEndsTheLoopAndCleanupReleasesEverySlot)
     close(fd);
     EXPECT_EQ(-ECONNREFUSED, tcp_to("127.0.0.2", MESH_PORT));   // the interface's address only
     std::this_thread::sleep_for(std::chrono::milliseconds(300));   // the probe's peer thread ends
-    g_srving_cnt = 1;   // a peer in service: the main record's release must leave its share
+    pthread_mutex_lock(&lock), g_srving_cnt = 1, pthread_mutex_unlock(&lock);   // a peer in service: kept
     __atomic_store_n(&ip_changed, 1, __ATOMIC_SEQ_CST);
     t.join();
     EXPECT_TRUE(rc == 0 && !ent_pool[0].ssl && g_srving_cnt == 1);   // main entity released
