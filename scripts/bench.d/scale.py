@@ -85,7 +85,7 @@ def one_run(b, n):
             os.mkfifo(r.path(GO))
         cap = b.start(lab.cap, b.CAP_ARGS, False)
         cap.wait_log(b.READY, 10)
-        cap.wait_log("enter server looping....\n", 10)
+        cap.wait_log(b.rl.LISTENING, 10)
         time.sleep(0.5)
         res = [b.start(r, b.RE_ARGS, True, gate=True) for r in lab.res]
         cpu0 = cpu(cap.pid)
