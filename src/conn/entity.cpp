@@ -17,14 +17,16 @@ int32_t g_srving_cnt;
 int32_t current;
 
 const char *ENT_STATUS_STR[32] = {
-    "ST_NONE", "ST_STOP", "ST_TCP_DONE", "ST_SSL_DONE", "ST_AUTH_SENT", "ST_AUTH_SENT_2", "ST_RUNNING",
+    "ST_NONE",      "ST_STOP",        "ST_TCP_DONE", "ST_SSL_DONE",
+    "ST_AUTH_SENT", "ST_AUTH_SENT_2", "ST_RUNNING",
 };
 
 void change_state(entity *ent, int32_t state)
 {
     if (!ent)
         return;
-    LOG(3, "[" ENT_FMT "]: %s -> %s \n", ent->name, ENT_STATUS_STR[ent->state], ENT_STATUS_STR[state]);
+    LOG(3, "[" ENT_FMT "]: %s -> %s \n", ent->name, ENT_STATUS_STR[ent->state],
+        ENT_STATUS_STR[state]);
     ent->state = state;
 }
 
@@ -33,9 +35,9 @@ void change_state(entity *ent, int32_t state)
 // may be given back earlier, once, by whoever holds the record's generation.
 // Guarded by `lock`.
 struct slot_info {
-    uint32_t gen;      // bumped for every record created in the slot
-    int8_t counted;    // the record's share of g_srving_cnt is still held
-    int8_t handed;     // a peer thread owns the record
+    uint32_t gen;     // bumped for every record created in the slot
+    int8_t counted;   // the record's share of g_srving_cnt is still held
+    int8_t handed;    // a peer thread owns the record
 };
 static slot_info slots[ENT_POOL_SIZE];
 static int32_t live_threads;
@@ -186,7 +188,8 @@ entity *new_entity(const char *name, int32_t fd, int32_t is_main)
         fail = "[%s] ssl bind failed.\n";
     else if (get_random_str(ent->id, 15) != 0)
         fail = "[%s] gen id failed.\n";
-    else if (get_hmac_base64(g_is_server, ent->id, (int32_t)strlen(ent->id), ent->pass, &length) != 0)
+    else if (get_hmac_base64(g_is_server, ent->id, (int32_t)strlen(ent->id), ent->pass, &length) !=
+             0)
         fail = "[%s] gen pass failed.\n";
     if (fail) {
         LOG(3, fail, name);

@@ -54,7 +54,7 @@ void free_entity(entity *ent);
 // _locked forms expect `lock` held.
 uint32_t ent_gen(const entity *ent);
 uint32_t ent_gen_locked(int32_t slot);
-int32_t ent_release_share(int32_t slot, uint32_t gen);          // 1 = released now
+int32_t ent_release_share(int32_t slot, uint32_t gen);   // 1 = released now
 int32_t ent_release_share_locked(int32_t slot, uint32_t gen);
 int32_t ent_share_held_locked(int32_t slot);
 // The accepting thread hands a record to a new peer thread (before it is

@@ -22,12 +22,9 @@
 #include "util/sys.h"
 
 static constexpr const char *usage_lines[] = {
-    "-C                  mode client",
-    "-S                  mode server",
-    "-d                  dry run",
-    "-i ifname           bind interface",
-    "-l level            log level",
-    "-o                  log out to stderr, default to syslog",
+    "-C                  mode client", "-S                  mode server",
+    "-d                  dry run",     "-i ifname           bind interface",
+    "-l level            log level",   "-o                  log out to stderr, default to syslog",
 };
 static_assert(sizeof(usage_lines) / sizeof(usage_lines[0]) == 6, "six usage lines");
 
@@ -239,8 +236,8 @@ static void re_set_lan_ip(const char *ip)
     // Noted before the command runs, so that a stop in between restores it.
     re_lan_moved = strcmp(ip, g_default_lan_ip) != 0;
     char cmd[256];
-    snprintf(cmd, sizeof(cmd), "uci -q set network.lan.ipaddr=%s;uci commit network;ifconfig br-lan %s",
-             ip, ip);
+    snprintf(cmd, sizeof(cmd),
+             "uci -q set network.lan.ipaddr=%s;uci commit network;ifconfig br-lan %s", ip, ip);
     sys_system(cmd);
 }
 

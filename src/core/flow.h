@@ -2,7 +2,7 @@
 #pragma once
 #include <stdint.h>
 
-extern int32_t g_exit_timeout;    // value of -t; accepted, read by nothing
+extern int32_t g_exit_timeout;   // value of -t; accepted, read by nothing
 extern char g_ifname[16];
 extern char g_cap_ip[16];
 extern char g_gw_srv_ip[16];

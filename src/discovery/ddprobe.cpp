@@ -15,10 +15,11 @@
 
 int32_t ip_changed = 0;
 
-namespace {
+namespace
+{
 
 constexpr int IP_TEXT_LEN = 16;
-constexpr int RE_MAGIC_LEN = 17;    // the NUL is not compared
+constexpr int RE_MAGIC_LEN = 17;   // the NUL is not compared
 constexpr int CAP_MAGIC_LEN = 18;
 
 // Sender on the LAN address (kernel-chosen port, broadcast on) and the
@@ -36,7 +37,7 @@ int32_t srv_open_sockets(const char *local_ip, int32_t *sender, int32_t *recver)
     return 0;
 }
 
-}  // namespace
+}   // namespace
 
 int dd_srv_handle(char *buf, int size, const char *local_ip)
 {

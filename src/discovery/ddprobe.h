@@ -2,8 +2,8 @@
 #pragma once
 #include <stdint.h>
 
-#define DD_RE_MAGIC "KORVANE_RE_DDv1.0"    // 17 characters + NUL are sent
-#define DD_CAP_MAGIC "KORVANE_CAP_DDv1.0"  // 18 characters, then the address
+#define DD_RE_MAGIC  "KORVANE_RE_DDv1.0"    // 17 characters + NUL are sent
+#define DD_CAP_MAGIC "KORVANE_CAP_DDv1.0"   // 18 characters, then the address
 
 int dd_srv_probe(const char *ifname);
 // One datagram at the responder: `buf` holds it NUL-terminated in `size`

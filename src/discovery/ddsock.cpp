@@ -17,7 +17,8 @@
 #include "conn/sockopt.h"
 #include "util/log.h"
 
-namespace {
+namespace
+{
 
 // The port as the filter compares it: a 16-bit word in host order.
 constexpr uint32_t DD_FILTER_PORT = MESH_PORT;
@@ -27,26 +28,22 @@ static_assert(DD_FILTER_PORT > 0 && DD_FILTER_PORT <= 0xffff, "a UDP port is 16 
 // fragment offset is zero (later fragments carry no UDP header). The socket is
 // opened for IPv4 only, so the IPv6 branch never matches; it stays as it is.
 constexpr sock_filter dd_filter[] = {
-    {0x28, 0, 0, 0x0000000c},   // EtherType
-    {0x15, 0, 6, 0x000086dd},   // IPv6?
-    {0x30, 0, 0, 0x00000014},   // IPv6 next header
-    {0x15, 0, 15, 0x00000011},  // UDP?
-    {0x28, 0, 0, 0x00000036},   // source port
-    {0x15, 12, 0, DD_FILTER_PORT},
-    {0x28, 0, 0, 0x00000038},   // destination port
-    {0x15, 10, 11, DD_FILTER_PORT},
-    {0x15, 0, 10, 0x00000800},  // IPv4?
-    {0x30, 0, 0, 0x00000017},   // IPv4 protocol
-    {0x15, 0, 8, 0x00000011},   // UDP?
-    {0x28, 0, 0, 0x00000014},   // flags and fragment offset
-    {0x45, 6, 0, 0x00001fff},   // not the first fragment: drop
-    {0xb1, 0, 0, 0x0000000e},   // X = IPv4 header length
-    {0x48, 0, 0, 0x0000000e},   // source port
-    {0x15, 2, 0, DD_FILTER_PORT},
-    {0x48, 0, 0, 0x00000010},   // destination port
-    {0x15, 0, 1, DD_FILTER_PORT},
-    {0x06, 0, 0, 0x00040000},   // accept
-    {0x06, 0, 0, 0x00000000},   // drop
+    {0x28, 0, 0, 0x0000000c},                                    // EtherType
+    {0x15, 0, 6, 0x000086dd},                                    // IPv6?
+    {0x30, 0, 0, 0x00000014},                                    // IPv6 next header
+    {0x15, 0, 15, 0x00000011},                                   // UDP?
+    {0x28, 0, 0, 0x00000036},                                    // source port
+    {0x15, 12, 0, DD_FILTER_PORT},  {0x28, 0, 0, 0x00000038},    // destination port
+    {0x15, 10, 11, DD_FILTER_PORT}, {0x15, 0, 10, 0x00000800},   // IPv4?
+    {0x30, 0, 0, 0x00000017},                                    // IPv4 protocol
+    {0x15, 0, 8, 0x00000011},                                    // UDP?
+    {0x28, 0, 0, 0x00000014},                                    // flags and fragment offset
+    {0x45, 6, 0, 0x00001fff},                                    // not the first fragment: drop
+    {0xb1, 0, 0, 0x0000000e},                                    // X = IPv4 header length
+    {0x48, 0, 0, 0x0000000e},                                    // source port
+    {0x15, 2, 0, DD_FILTER_PORT},   {0x48, 0, 0, 0x00000010},    // destination port
+    {0x15, 0, 1, DD_FILTER_PORT},   {0x06, 0, 0, 0x00040000},    // accept
+    {0x06, 0, 0, 0x00000000},                                    // drop
 };
 constexpr int DD_FILTER_LEN = (int)(sizeof(dd_filter) / sizeof(dd_filter[0]));
 static_assert(DD_FILTER_LEN == 20, "the discovery filter has 20 instructions");
@@ -59,7 +56,7 @@ uint16_t get_be16(const uint8_t *p)
     return (uint16_t)((p[0] << 8) | p[1]);
 }
 
-}  // namespace
+}   // namespace
 
 int set_fd_timeout(int fd, int seconds, int milliseconds)
 {

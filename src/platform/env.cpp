@@ -104,8 +104,7 @@ int32_t get_wan_ifname(char out[16])
 {
     char buf[16];
     memset(buf, 0, sizeof(buf));
-    if (tolva_exec_cmd("uci -q get network.wan.ifname", buf, sizeof(buf)) != 0 ||
-        buf[0] == '\0')
+    if (tolva_exec_cmd("uci -q get network.wan.ifname", buf, sizeof(buf)) != 0 || buf[0] == '\0')
         return -1;
     memset(out, 0, 16);
     // The name ends at the first character that is not a letter or digit,

@@ -14,10 +14,10 @@
 #include "util/shell.h"
 #include "util/sys.h"
 
-#define CAP_INIT_FMT "%s cap_init '%s' '%s' '%s' '%s' '%s' '%s' '%s' %d"
+#define CAP_INIT_FMT     "%s cap_init '%s' '%s' '%s' '%s' '%s' '%s' '%s' %d"
 #define CAP_INIT_BSD_FMT "%s cap_init_bsd '%s' '%s' '%s' '%s' '%s' '%s' '%s' %d"
-#define RE_INIT_FMT "%s re_init '%s' '%s' '%s' '%s' '%s' '%s' '%s' '%s' '%s' %d"
-#define RE_INIT_BSD_FMT "%s re_init_bsd '%s' '%s' '%s' '%s' '%s' '%s' %d"
+#define RE_INIT_FMT      "%s re_init '%s' '%s' '%s' '%s' '%s' '%s' '%s' '%s' '%s' %d"
+#define RE_INIT_BSD_FMT  "%s re_init_bsd '%s' '%s' '%s' '%s' '%s' '%s' %d"
 
 // The record may come off the wire: never read a field past its last byte,
 // which a well-formed record holds as terminator.
@@ -39,14 +39,12 @@ static void field_b64(char *out, size_t out_size, const char *field, size_t size
 {
     size_t olen = 0;
     memset(out, 0, out_size);
-    base64_encode((uint8_t *)out, out_size, &olen, (const uint8_t *)field,
-                  field_len(field, size));
+    base64_encode((uint8_t *)out, out_size, &olen, (const uint8_t *)field, field_len(field, size));
 }
 
 // A band whose encryption text is a prefix of "none" (the empty text too)
 // has no pass phrase; the scripts want the word "null" then.
-static void band_key(char *out, size_t out_size, const char *enc, const char *key,
-                     size_t key_size)
+static void band_key(char *out, size_t out_size, const char *enc, const char *key, size_t key_size)
 {
     if (strncmp(enc, "none", strlen(enc)) == 0)
         snprintf(out, out_size, "null");
@@ -101,7 +99,7 @@ int tolvaInitCap(const WiFiConfig *cfg, const char *re_mac, const char *re_mac_2
     }
     if (cfg->bsd == 1)
         cmd_format(cmd, 1023, CAP_INIT_BSD_FMT, MESH_SETUP_SH, re_mac, a, b, c, d, ssid64, key64,
-                flag);
+                   flag);
     else
         cmd_format(cmd, 1023, CAP_INIT_FMT, MESH_SETUP_SH, re_mac, a, b, c, d, ssid64, key64, flag);
     sys_system(cmd);
@@ -137,7 +135,7 @@ int tolvaInitRe(const WiFiConfig *cfg, const char *extra, int flag)
     if (cfg->locale[0] != '\0') {
         field_b64(locale64, sizeof(locale64), cfg->locale, sizeof(cfg->locale));
         cmd_format(cmd, sizeof(cmd) - 1, "/usr/bin/lua /usr/sbin/mesh_info.lua locale %s",
-                locale64);
+                   locale64);
         sys_system(cmd);
     }
 
@@ -147,7 +145,7 @@ int tolvaInitRe(const WiFiConfig *cfg, const char *extra, int flag)
             return -1;
         }
         cmd_format(cmd, 2047, RE_INIT_BSD_FMT, MESH_SETUP_SH, ssid2, key2, enc2, bh_ssid64,
-                bh_key64, bh_enc, flag);
+                   bh_key64, bh_enc, flag);
     } else {
         field_b64(ssid5, sizeof(ssid5), cfg->ssid_5g, sizeof(cfg->ssid_5g));
         band_key(key5, sizeof(key5), enc5, cfg->key_5g, sizeof(cfg->key_5g));
@@ -157,7 +155,7 @@ int tolvaInitRe(const WiFiConfig *cfg, const char *extra, int flag)
             return -1;
         }
         cmd_format(cmd, 2047, RE_INIT_FMT, MESH_SETUP_SH, ssid2, key2, enc2, ssid5, key5, enc5,
-                bh_ssid64, bh_key64, bh_enc, flag);
+                   bh_ssid64, bh_key64, bh_enc, flag);
     }
 
     rc = sys_system(cmd);

@@ -3,9 +3,9 @@
 #pragma once
 #include "platform/wificonf.h"
 
-#define MESH_SETUP_SH "/usr/sbin/mesh_setup.sh"
-#define BH_MACLIST_2G_FILE "/tmp/bh_maclist_2g"
-#define BH_MACLIST_5G_FILE "/tmp/bh_maclist_5g"
+#define MESH_SETUP_SH         "/usr/sbin/mesh_setup.sh"
+#define BH_MACLIST_2G_FILE    "/tmp/bh_maclist_2g"
+#define BH_MACLIST_5G_FILE    "/tmp/bh_maclist_5g"
 #define EXTRA_WIFI_PARAM_FILE "/tmp/extra_wifi_param"
 
 // Derived backhaul MAC: first octet o -> ((o & 0xFC) + 4n + (o & 3)) | 2.

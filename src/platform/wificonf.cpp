@@ -35,8 +35,8 @@ static int query(const char *cmd, char *buf, size_t size)
 // Reads ssid, encryption and pass phrase of one radio section; its messages
 // belong to the collection. The pass phrase of a "ccmp..." (WPA3) network
 // lives in sae_password, of all others in key.
-static int get_band_conf(const char *sec, char *ssid, size_t ssid_size, char *enc,
-                         size_t enc_size, char *key, size_t key_size)
+static int get_band_conf(const char *sec, char *ssid, size_t ssid_size, char *enc, size_t enc_size,
+                         char *key, size_t key_size)
 {
     char cmd[128];
 
@@ -161,8 +161,7 @@ char *tolva_get_bh_band(char *out, size_t size)
     str_trim(buf);
     len = strlen(buf);
     if (len >= size) {
-        LOG(3, "bufsize too small, need: %d, current: %d, content: %s\n", (int)len, (int)size,
-            buf);
+        LOG(3, "bufsize too small, need: %d, current: %d, content: %s\n", (int)len, (int)size, buf);
         return nullptr;
     }
     memcpy(out, buf, len + 1);

@@ -6,8 +6,8 @@
 // Wire record: carried raw in the configuration message. Every offset is
 // part of the protocol.
 struct WiFiConfig {
-    uint8_t type;             // 4 once collected
-    uint8_t bsd;              // 1 = band steering on
+    uint8_t type;   // 4 once collected
+    uint8_t bsd;    // 1 = band steering on
     char ssid_2g[33];
     char key_2g[65];
     char enc_2g[16];

@@ -18,7 +18,6 @@ struct auth_req_text {
     char macaddr[sizeof(auth_req::macaddr) + 1];
 };
 
-
 static void read_auth_req(const uint8_t *body, auth_req_text *out)
 {
     auth_req req;
@@ -100,7 +99,8 @@ int32_t process_auth_req(entity *ent, const uint8_t *body)
             goto fail;
         }
         LOG(3, "INF: get auth %s/%s from [" ENT_FMT "]\n", req.id, req.pass, ent->name);
-        if (check_auth(ent, req.id, (int32_t)strlen(req.id), req.pass, (int32_t)strlen(req.pass)) != 0) {
+        if (check_auth(ent, req.id, (int32_t)strlen(req.id), req.pass, (int32_t)strlen(req.pass)) !=
+            0) {
             reason = "account/pass invalid.";
             goto fail;
         }
@@ -118,7 +118,8 @@ int32_t process_auth_req(entity *ent, const uint8_t *body)
         reason = "in wrong status.";
         goto fail;
     }
-    if (check_auth(ent, req.id, (int32_t)strlen(req.id), req.pass, (int32_t)strlen(req.pass)) != 0) {
+    if (check_auth(ent, req.id, (int32_t)strlen(req.id), req.pass, (int32_t)strlen(req.pass)) !=
+        0) {
         reason = "account/pass invalid.";
         goto fail;
     }

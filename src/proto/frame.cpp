@@ -30,7 +30,8 @@ int32_t send_message(entity *ent, uint16_t type, const uint8_t *body, int32_t bo
     if (!body || body_len < 0)
         return -1;
     if (body_len > MSG_BODY_MAX) {
-        LOG(3, "[" ENT_FMT "], send_message with too large size: %d.\n", ent ? ent->name : "", body_len);
+        LOG(3, "[" ENT_FMT "], send_message with too large size: %d.\n", ent ? ent->name : "",
+            body_len);
         return -1;
     }
 

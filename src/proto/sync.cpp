@@ -135,7 +135,8 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
         LOG(3, "[" ENT_FMT "] sync config rejected: [%d:%s] .\n", ent->name, reply.code, text);
     } else {
         // Terminated copies: a full 19-byte MAC field carries no terminator.
-        char macaddr[sizeof(ent->macaddr) + 1], mac2[sizeof(ent->mac2) + 1], mac5[sizeof(ent->mac5) + 1];
+        char macaddr[sizeof(ent->macaddr) + 1], mac2[sizeof(ent->mac2) + 1],
+            mac5[sizeof(ent->mac5) + 1];
         memset(macaddr, 0, sizeof(macaddr));
         memset(mac2, 0, sizeof(mac2));
         memset(mac5, 0, sizeof(mac5));
@@ -168,8 +169,8 @@ void disconnect_others(entity *keep)
         entity *ent = &ent_pool[i];
         if (ent == keep || !ent->ssl)
             continue;
-        LOG(3, "WARN: [" ENT_FMT "] direct drop connections: [" ENT_FMT "]\n", keep ? keep->name : "",
-            ent->name);
+        LOG(3, "WARN: [" ENT_FMT "] direct drop connections: [" ENT_FMT "]\n",
+            keep ? keep->name : "", ent->name);
         if (ent->fd > 0)
             shutdown(ent->fd, SHUT_RDWR);
     }

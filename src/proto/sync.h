@@ -7,7 +7,7 @@
 #define MESH_INITBUF_CMD "mesh_tool initbuf 2>/dev/null"
 enum { SYNC_TEXT_OFFSET = (int)sizeof(WiFiConfig) };
 
-extern char g_locate[64];   // "default"
+extern char g_locate[64];      // "default"
 extern int32_t g_is_success;   // 1 once the RE applied a configuration
 
 int32_t send_mesh_conf(entity *ent);

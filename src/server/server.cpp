@@ -234,7 +234,9 @@ void check_connection_timeout(void)
         // Uptime below the start stamp cannot happen for a live session:
         // drop the peer rather than trust the stamp.
         if (now < ent->start_ts || now - ent->start_ts >= SERVING_TIMEOUT) {
-            LOG(3, "[" ENT_FMT "] serving time: %d too long > timeout: %d, disconnect it, current ts: %d .\n",
+            LOG(3,
+                "[" ENT_FMT
+                "] serving time: %d too long > timeout: %d, disconnect it, current ts: %d .\n",
                 ent->name, (int)(now - ent->start_ts), (int)SERVING_TIMEOUT, (int)current);
             // The slot's share and the mesh lock go now, so that the next RE
             // is served even when this peer's thread hangs (in cap_init, say);

@@ -72,7 +72,7 @@ int32_t get_random_str(char *buf, int32_t size)
     }
     int32_t count = (size - 1) / 2;
     if (count < 0)
-        count = 0;   // negative sizes: nothing but the terminator
+        count = 0;         // negative sizes: nothing but the terminator
     unsigned char b = 0;   // an end-of-file read keeps the previous byte
     for (int32_t i = 0; i < count; i++) {
         if (read(fd, &b, 1) < 0) {
@@ -94,8 +94,7 @@ static int32_t hmac_sha256(const char *key, const char *id, unsigned char *md, u
     if (!ctx)
         return -1;
     int ok = HMAC_Init_ex(ctx, key, (int)strlen(key), EVP_sha256(), nullptr) &&
-             HMAC_Update(ctx, (const unsigned char *)id, strlen(id)) &&
-             HMAC_Final(ctx, md, md_len);
+             HMAC_Update(ctx, (const unsigned char *)id, strlen(id)) && HMAC_Final(ctx, md, md_len);
     HMAC_CTX_free(ctx);
     return ok ? 0 : -1;
 }

@@ -16,15 +16,15 @@ void report_status(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // Every message goes through LOG: it supplies the caller's function name and
 // line, and evaluates no argument when the level filters the message out.
-#define LOG(pri, ...)                                                  \
-    do {                                                               \
-        if (log_level >= (pri))                                        \
-            log_((pri), __func__, (uint32_t)__LINE__, __VA_ARGS__);    \
+#define LOG(pri, ...)                                               \
+    do {                                                            \
+        if (log_level >= (pri))                                     \
+            log_((pri), __func__, (uint32_t)__LINE__, __VA_ARGS__); \
     } while (0)
 
 // Same, under an explicit function name (for texts that name another function).
-#define LOG_AS(pri, name, ...)                                         \
-    do {                                                               \
-        if (log_level >= (pri))                                        \
-            log_((pri), (name), (uint32_t)__LINE__, __VA_ARGS__);      \
+#define LOG_AS(pri, name, ...)                                    \
+    do {                                                          \
+        if (log_level >= (pri))                                   \
+            log_((pri), (name), (uint32_t)__LINE__, __VA_ARGS__); \
     } while (0)

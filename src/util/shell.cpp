@@ -58,7 +58,7 @@ static char *cmd_result(const char *cmd, char *buf, int32_t n, useconds_t wait_u
     FILE *fp = sys_popen(cmd, "r");
     if (!fp)
         return nullptr;
-    usleep(wait_us);   // one read only: give the command time to answer
+    usleep(wait_us);          // one read only: give the command time to answer
     fseek(fp, 0, SEEK_SET);   // fails on a pipe; harmless
     size_t got = fread(buf, 1, n > 0 ? (size_t)n : 0, fp);
     if (got > 0 && buf[got - 1] == '\n')

@@ -17,7 +17,8 @@ int32_t check_injection(const char *text);
 int32_t check_params(const char *types, ...);
 char *str_trim(char *text);
 // snprintf for command lines: a text cut at `limit` is the intended result.
-void cmd_format(char *cmd, size_t limit, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+void cmd_format(char *cmd, size_t limit, const char *fmt, ...)
+    __attribute__((format(printf, 3, 4)));
 int32_t f_string_read(const char *path, void *buf, uint32_t size);
 int32_t f_string_write(const char *path, const void *buf, uint32_t size);
 int32_t uptime(void);

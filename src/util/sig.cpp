@@ -98,7 +98,8 @@ void nap_ms(int32_t ms)
     clock_gettime(CLOCK_MONOTONIC, &t0);
     for (;;) {
         clock_gettime(CLOCK_MONOTONIC, &t);
-        int64_t left = ms - ((int64_t)(t.tv_sec - t0.tv_sec) * 1000 + (t.tv_nsec - t0.tv_nsec) / 1000000);
+        int64_t left =
+            ms - ((int64_t)(t.tv_sec - t0.tv_sec) * 1000 + (t.tv_nsec - t0.tv_nsec) / 1000000);
         if (left <= 0)
             break;
         struct pollfd p = {fd, POLLIN, 0};

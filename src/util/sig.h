@@ -6,10 +6,10 @@
 #include <signal.h>
 #include <stdint.h>
 
-extern volatile sig_atomic_t g_sig_stop;    // SIGINT/SIGTERM number; 0 = none
-extern volatile sig_atomic_t g_sig_usr1;    // SIGUSR1 seen and not yet handled
-extern volatile sig_atomic_t g_sig_alarm;   // SIGALRM seen and not yet handled
-extern volatile sig_atomic_t g_sig_cut_fd;  // socket the SIGALRM handler shuts down; -1 = none
+extern volatile sig_atomic_t g_sig_stop;     // SIGINT/SIGTERM number; 0 = none
+extern volatile sig_atomic_t g_sig_usr1;     // SIGUSR1 seen and not yet handled
+extern volatile sig_atomic_t g_sig_alarm;    // SIGALRM seen and not yet handled
+extern volatile sig_atomic_t g_sig_cut_fd;   // socket the SIGALRM handler shuts down; -1 = none
 
 // Installs `note` for SIGINT, SIGTERM and SIGUSR1 (no restart of interrupted
 // calls, so a blocked main thread returns to a safe point), a no-op SIGPIPE

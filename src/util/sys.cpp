@@ -15,7 +15,8 @@
 
 extern char **environ;
 
-namespace {
+namespace
+{
 
 enum { SYS_OPEN_MAX = 16 };
 
@@ -118,7 +119,7 @@ int real_system(const char *cmd)
 const sys_ops sys_real = {real_popen, real_pclose, real_system};
 const sys_ops *sys_cur = &sys_real;
 
-}  // namespace
+}   // namespace
 
 void sys_set_ops(const sys_ops *ops)
 {

@@ -7,7 +7,8 @@
 // only for a configuration message taken in ST_RUNNING.
 #include "testing.h"
 
-namespace {
+namespace
+{
 
 SSL_CTX *srv_ctx, *clt_ctx;
 const int32_t kStates[4] = {ST_SSL_DONE, ST_AUTH_SENT, ST_AUTH_SENT_2, ST_RUNNING};
@@ -22,18 +23,21 @@ const int32_t kStates[4] = {ST_SSL_DONE, ST_AUTH_SENT, ST_AUTH_SENT_2, ST_RUNNIN
 int32_t successor(int cap, int32_t from, uint16_t type, const uint8_t *b, size_t n)
 {
     if (type == MSG_AUTH_REPLY)
-        return n >= 1 && b[0] == REPLY_OK && from == ST_AUTH_SENT ? (cap ? ST_RUNNING : ST_AUTH_SENT_2) : from;
+        return n >= 1 && b[0] == REPLY_OK && from == ST_AUTH_SENT
+                   ? (cap ? ST_RUNNING : ST_AUTH_SENT_2)
+                   : from;
     if (type != MSG_AUTH_REQ || from != (cap ? ST_SSL_DONE : ST_AUTH_SENT_2) || n < 144)
         return from;
     char id[17] = {0}, pass[129] = {0}, want[64] = {0};
     int32_t len = 0;
     memcpy(id, b, 16), memcpy(pass, b + 16, 128);
-    if (!id[0] || get_hmac_base64(cap ? 0 : 1, id, (int32_t)strlen(id), want, &len) != 0 || strcmp(want, pass) != 0)
+    if (!id[0] || get_hmac_base64(cap ? 0 : 1, id, (int32_t)strlen(id), want, &len) != 0 ||
+        strcmp(want, pass) != 0)
         return from;
     return cap ? ST_AUTH_SENT : ST_RUNNING;
 }
 
-}  // namespace
+}   // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
@@ -62,7 +66,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     setsockopt(peer->fd, SOL_SOCKET, SO_SNDBUF, &sz, sizeof(sz));
     setsockopt(ent->fd, SOL_SOCKET, SO_SNDBUF, &sz, sizeof(sz));
     if (cap && (scene & 0x20))
-        strcpy(ent->mac2, "28:6c:07:11:22:33"), strcpy(ent->mac5, "28:6c:07:11:22:34"), strcpy(ent->macaddr, "28:6c:07:aa:bb:cc");
+        strcpy(ent->mac2, "28:6c:07:11:22:33"), strcpy(ent->mac5, "28:6c:07:11:22:34"),
+            strcpy(ent->macaddr, "28:6c:07:aa:bb:cc");
     change_state(ent, kStates[(scene >> 1) & 3]);
     // The whole plaintext, then close_notify: the entity reads to the end.
     if (size > 0 && SSL_write(peer->ssl, data, (int)size) != (int)size)
@@ -88,7 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         off += MSG_HDR_SIZE + len;
         if (ent->ssl && ent->state != from && ent->state != next && ent->state != ST_STOP)
             die("the state moved without the message that may move it");
-        if (fake_sys_scripts() > before && (from != ST_RUNNING || type != (cap ? MSG_SYNC_REPLY : MSG_SYNC_REQ)))
+        if (fake_sys_scripts() > before &&
+            (from != ST_RUNNING || type != (cap ? MSG_SYNC_REPLY : MSG_SYNC_REQ)))
             die("a platform script ran outside the configuration exchange");
     }
     // Whatever state the session ended in, both records go back to the pool.

@@ -4,10 +4,12 @@
 // or clean; a refused record runs no script, an accepted one exactly one.
 #include "testing.h"
 
-namespace {
+namespace
+{
 
 const char kForbidden[] = "@`$#,;'\\\"[]&*()|<>";
-const char *const kScripts[] = {"/usr/sbin/mesh_setup.sh re_init ", "/usr/sbin/mesh_setup.sh re_init_bsd ",
+const char *const kScripts[] = {"/usr/sbin/mesh_setup.sh re_init ",
+                                "/usr/sbin/mesh_setup.sh re_init_bsd ",
                                 "/usr/bin/lua /usr/sbin/mesh_info.lua locale "};
 const size_t kQuoted[] = {9, 6, 0};
 
@@ -37,12 +39,15 @@ void check_command(const std::string &cmd)
     if (in || quoted.size() != kQuoted[kind])
         fail(cmd, "unbalanced quote or wrong argument count");
     for (const auto &a : quoted)
-        if (a.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=") != std::string::npos &&
-            a != "null" && (a.find_first_of(kForbidden) != std::string::npos || check_injection(a.c_str()) != 0))
+        if (a.find_first_not_of(
+                "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=") !=
+                std::string::npos &&
+            a != "null" &&
+            (a.find_first_of(kForbidden) != std::string::npos || check_injection(a.c_str()) != 0))
             fail(cmd, "argument neither base64 nor clean");
 }
 
-}  // namespace
+}   // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -14,7 +14,8 @@ extern "C" int usleep(useconds_t us)
     return 0;
 }
 
-namespace {
+namespace
+{
 std::vector<std::pair<std::string, std::string>> rules;   // pattern, output
 std::vector<std::string> asked, ran;                      // popen(), system()
 std::deque<std::string> buffers;                          // fmemopen keeps pointers into these
@@ -43,7 +44,10 @@ FILE *fake_popen(const char *cmd, const char *)
     return fopen("/dev/null", "r");
 }
 
-int fake_pclose(FILE *fp) { return fclose(fp); }
+int fake_pclose(FILE *fp)
+{
+    return fclose(fp);
+}
 
 int fake_system(const char *cmd)
 {
@@ -55,7 +59,7 @@ int fake_system(const char *cmd)
 }
 
 const sys_ops fake_ops = {fake_popen, fake_pclose, fake_system};
-}  // namespace
+}   // namespace
 
 void fake_sys_install(void)
 {
@@ -64,28 +68,47 @@ void fake_sys_install(void)
     sys_set_ops(&fake_ops);
 }
 
-void fake_sys_answer(const std::string &pattern, const std::string &output) { rules.push_back({pattern, output}); }
-void fake_sys_hook(std::function<void(const std::string &)> h) { hook = h; }
-void fake_sys_system_status(int status) { sys_status = status; }
+void fake_sys_answer(const std::string &pattern, const std::string &output)
+{
+    rules.push_back({pattern, output});
+}
+void fake_sys_hook(std::function<void(const std::string &)> h)
+{
+    hook = h;
+}
+void fake_sys_system_status(int status)
+{
+    sys_status = status;
+}
 
 void fake_sys_router(void)
 {
     const char *const answers[][2] = {
-        {"uci -q get misc.wireless.ifname_2G", "wl1\n"}, {"mesh_tool backhaul get band", "5g"},
-        {"uci -q get misc.wireless.ifname_5G", "wl0\n"}, {"uci -q get misc.backhauls.backhaul_5g_ap_iface", "wl5\n"},
-        {"uci -q get wireless.wifi1.bsd", "0\n"}, {"uci -q get wireless.wifi2.ssid", "Home-2G\n"},
-        {"uci -q get wireless.wifi2.encryption", "psk2\n"}, {"uci -q get wireless.wifi2.key", "psk-secret\n"},
-        {"uci -q get wireless.wifi2.sae_password", "sae-secret\n"}, {"uci -q get wireless.wifi1.ssid", "Home-5G\n"},
-        {"uci -q get wireless.wifi1.encryption", "ccmp\n"}, {"uci -q get wireless.wifi1.key", "psk-secret-5\n"},
+        {"uci -q get misc.wireless.ifname_2G", "wl1\n"},
+        {"mesh_tool backhaul get band", "5g"},
+        {"uci -q get misc.wireless.ifname_5G", "wl0\n"},
+        {"uci -q get misc.backhauls.backhaul_5g_ap_iface", "wl5\n"},
+        {"uci -q get wireless.wifi1.bsd", "0\n"},
+        {"uci -q get wireless.wifi2.ssid", "Home-2G\n"},
+        {"uci -q get wireless.wifi2.encryption", "psk2\n"},
+        {"uci -q get wireless.wifi2.key", "psk-secret\n"},
+        {"uci -q get wireless.wifi2.sae_password", "sae-secret\n"},
+        {"uci -q get wireless.wifi1.ssid", "Home-5G\n"},
+        {"uci -q get wireless.wifi1.encryption", "ccmp\n"},
+        {"uci -q get wireless.wifi1.key", "psk-secret-5\n"},
         {"uci -q get wireless.wifi1.sae_password", "sae-secret-5\n"},
-        {"uci -q get wireless.bh_ap.ssid", "KvMesh_0a1b2c3d\n"}, {"uci -q get wireless.bh_ap.key", "00112233445566ff\n"},
-        {"uci -q get misc.wireless.if_2G", "wifi2\n"}, {"uci -q get misc.wireless.if_5G", "wifi1\n"},
-        {"uci -q get wireless.wifi2.macaddr", "28:6c:07:11:22:33\n"}, {"uci -q get wireless.wifi1.macaddr", "28:6c:07:11:22:34\n"},
+        {"uci -q get wireless.bh_ap.ssid", "KvMesh_0a1b2c3d\n"},
+        {"uci -q get wireless.bh_ap.key", "00112233445566ff\n"},
+        {"uci -q get misc.wireless.if_2G", "wifi2\n"},
+        {"uci -q get misc.wireless.if_5G", "wifi1\n"},
+        {"uci -q get wireless.wifi2.macaddr", "28:6c:07:11:22:33\n"},
+        {"uci -q get wireless.wifi1.macaddr", "28:6c:07:11:22:34\n"},
         {"mesh_tool initbuf 2>/dev/null", "{\"mesh\":{\"id\":\"0a1b\"}}"}};
     for (const auto &a : answers)
         fake_sys_answer(a[0], a[1]);
     for (const char *s : {"wl1wifi2", "wl0wifi1", "wl5bh_ap"})
-        fake_sys_answer(std::string("uci show wireless | grep -w \"ifname='") + std::string(s, 3) + "'\" | cut -d '.' -f1-2",
+        fake_sys_answer(std::string("uci show wireless | grep -w \"ifname='") + std::string(s, 3) +
+                            "'\" | cut -d '.' -f1-2",
                         std::string("wireless.") + (s + 3) + "\n");
 }
 
@@ -98,11 +121,13 @@ std::vector<std::string> fake_sys_system_cmds(void)
 bool fake_sys_ran(const std::string &cmd)
 {
     std::lock_guard<std::recursive_mutex> g(mu);
-    return std::count(asked.begin(), asked.end(), cmd) + std::count(ran.begin(), ran.end(), cmd) > 0;
+    return std::count(asked.begin(), asked.end(), cmd) + std::count(ran.begin(), ran.end(), cmd) >
+           0;
 }
 
 size_t fake_sys_scripts(void)
 {
     std::lock_guard<std::recursive_mutex> g(mu);
-    return std::count_if(ran.begin(), ran.end(), [](const std::string &c) { return c.find("mesh_setup.sh") != c.npos; });
+    return std::count_if(ran.begin(), ran.end(),
+                         [](const std::string &c) { return c.find("mesh_setup.sh") != c.npos; });
 }

@@ -39,7 +39,9 @@
 // The shell recorder: every command line is recorded; popen() is answered from canned
 // outputs, matched exactly or by a prefix ending in '*', later rules first (unmatched: no
 // output; FAKE_SYS_FAIL: popen() fails).
-#define FAKE_SYS_FAIL "\x01" "fail"
+#define FAKE_SYS_FAIL \
+    "\x01"            \
+    "fail"
 void fake_sys_install(void);   // also clears rules, records, status and hook
 void fake_sys_answer(const std::string &pattern, const std::string &output);
 // A router with 2.4 GHz on wl1 (wifi2), 5 GHz on wl0 (wifi1), backhaul AP on wl5.
@@ -86,8 +88,10 @@ inline bool tls_setup(const std::string &dir, SSL_CTX **cap, SSL_CTX **re)
 {
     static std::string ct, ky;
     ct = dir + "/ct", ky = dir + "/ky";
-    std::string cmd = "mkdir -p " + dir + " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
-                      "-nodes -days 1 -subj /CN=cap -keyout " + ky + " -out " + ct + " 2>/dev/null";
+    std::string cmd = "mkdir -p " + dir +
+                      " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
+                      "-nodes -days 1 -subj /CN=cap -keyout " +
+                      ky + " -out " + ct + " 2>/dev/null";
     certfile = cafile = ct.c_str(), keyfile = ky.c_str();
     bool made = system(cmd.c_str()) == 0;
     for (int server : {1, 0}) {

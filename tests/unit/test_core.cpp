@@ -4,7 +4,8 @@
 
 #include "testing.h"
 
-namespace {
+namespace
+{
 
 const bool net_ok = netns_enter_private();   // port 19553 and broadcasts on a loopback of our own
 
@@ -20,7 +21,8 @@ void reset(int is_server)
 }
 
 // Ethernet + IPv4 (ihl words) + UDP carrying `payload`; udp_len >= 0 overrides the UDP length.
-std::vector<uint8_t> frame(const std::string &payload, int udp_len = -1, int ihl = 5, uint16_t type = 0x0800, uint8_t proto = 17)
+std::vector<uint8_t> frame(const std::string &payload, int udp_len = -1, int ihl = 5,
+                           uint16_t type = 0x0800, uint8_t proto = 17)
 {
     std::vector<uint8_t> f(14 + 4 * ihl + 8 + payload.size(), 0);
     size_t u = 14 + 4 * ihl;
@@ -40,22 +42,36 @@ int tcp_to(const char *ip, int port)   // the connected socket, or -errno
 }
 
 entity *created;
-int32_t record_thread(pthread_t *, void *(*)(void *), void *arg) { return created = (entity *)arg, 0; }
+int32_t record_thread(pthread_t *, void *(*)(void *), void *arg)
+{
+    return created = (entity *)arg, 0;
+}
 
-}  // namespace
+}   // namespace
 
 TEST(Discovery, RawFrameParsing)
 {
     std::vector<uint8_t> padded = frame("abc", -1, 7);   // IP options move the UDP header
-    padded.resize(padded.size() + 20, 0xee);               // Ethernet padding is ignored
-    const struct { std::vector<uint8_t> f; int flen, buflen, rc; const char *payload; } cases[] = {
-        {frame("hi"), 33, 64, -1, ""}, {frame("hi", -1, 5, 0x86dd), -1, 64, -1, ""}, {frame("hi", -1, 5, 0x0800, 6), -1, 64, -1, ""},
-        {frame("hi", 11), -1, 64, -1, ""}, {frame("hi", 10), -1, 64, 2, "hi"},   // one past the frame, and at it
-        {frame("hi", 7), -1, 64, -1, ""}, {frame("hi", 8), -1, 64, 0, ""}, {frame(""), -1, 64, 0, ""},
-        {frame("", -1, 15), 14 + 60 + 6, 64, -1, ""},
-        // The whole UDP length is held against buflen: 2040 bytes fit in 2048, 2041 not.
-        {frame(std::string(2041, 'q')), -1, 2048, -1, ""}, {frame(std::string(2040, 'q')), -1, 2048, 2040, nullptr},
-        {frame("hello"), -1, 12, -1, ""}, {frame("hell"), 46, 12, 4, "hell"}, {padded, -1, 2048, 3, "abc"}};
+    padded.resize(padded.size() + 20, 0xee);             // Ethernet padding is ignored
+    const struct {
+        std::vector<uint8_t> f;
+        int flen, buflen, rc;
+        const char *payload;
+    } cases[] = {{frame("hi"), 33, 64, -1, ""},
+                 {frame("hi", -1, 5, 0x86dd), -1, 64, -1, ""},
+                 {frame("hi", -1, 5, 0x0800, 6), -1, 64, -1, ""},
+                 {frame("hi", 11), -1, 64, -1, ""},
+                 {frame("hi", 10), -1, 64, 2, "hi"},   // one past the frame, and at it
+                 {frame("hi", 7), -1, 64, -1, ""},
+                 {frame("hi", 8), -1, 64, 0, ""},
+                 {frame(""), -1, 64, 0, ""},
+                 {frame("", -1, 15), 14 + 60 + 6, 64, -1, ""},
+                 // The whole UDP length is held against buflen: 2040 bytes fit in 2048, 2041 not.
+                 {frame(std::string(2041, 'q')), -1, 2048, -1, ""},
+                 {frame(std::string(2040, 'q')), -1, 2048, 2040, nullptr},
+                 {frame("hello"), -1, 12, -1, ""},
+                 {frame("hell"), 46, 12, 4, "hell"},
+                 {padded, -1, 2048, 3, "abc"}};
     for (const auto &c : cases) {
         char buf[2048];
         memset(buf, 0x5a, sizeof(buf));
@@ -79,31 +95,38 @@ TEST(Discovery, RefusalsOfResponderProbeAndSockets)
     EXPECT_EQ(-1, dd_clt_match(buf, ip));
     strcpy(buf, "KORVANE_RE_DDv1.1");
     EXPECT_EQ(-1, dd_srv_handle(buf, sizeof(buf), "1.2.3.4"));
-    f_string_write(MESH_LOCK_FILE, std::to_string(uptime()).c_str(), (uint32_t)std::to_string(uptime()).size());
+    f_string_write(MESH_LOCK_FILE, std::to_string(uptime()).c_str(),
+                   (uint32_t)std::to_string(uptime()).size());
     strcpy(buf, "KORVANE_RE_DDv1.0");
     EXPECT_EQ(-1, dd_srv_handle(buf, sizeof(buf), "1.2.3.4"));
     unlink(MESH_LOCK_FILE);
     ASSERT_TRUE(net_ok);
     int before = dup(0);
     close(before);
-    EXPECT_TRUE(dd_create_sockfd("10.1.2.3", 0, 1) == -1 && dd_create_rawfd("nosuchif0") == -1);   // not ours; none such
-    EXPECT_EQ(before, dup(0));   // nothing leaked
-    int32_t recver = dd_create_sockfd("", DD_PORT, 0), sender = dd_create_sockfd("127.0.0.1", -1, 1), raw = dd_create_rawfd("lo");
+    EXPECT_TRUE(dd_create_sockfd("10.1.2.3", 0, 1) == -1 &&
+                dd_create_rawfd("nosuchif0") == -1);   // not ours; none such
+    EXPECT_EQ(before, dup(0));                         // nothing leaked
+    int32_t recver = dd_create_sockfd("", DD_PORT, 0),
+            sender = dd_create_sockfd("127.0.0.1", -1, 1), raw = dd_create_rawfd("lo");
     ASSERT_TRUE(recver >= 0 && sender >= 0 && raw >= 0);
-    EXPECT_TRUE(fcntl(recver, F_GETFD) == FD_CLOEXEC && fcntl(raw, F_GETFD) == FD_CLOEXEC && dd_clt_probe("nosuchif0", ip) == -1);
-    EXPECT_TRUE(dd_send_msg(sender, "127.0.0.1", 0, "x", 1) == -1 && dd_send_msg(sender, "127.0.0.1", DD_PORT, "x", -1) == -1);
-    ASSERT_EQ(0, dd_send_msg(sender, "127.0.0.1", 1, "x", 2));   // the lowest port
+    EXPECT_TRUE(fcntl(recver, F_GETFD) == FD_CLOEXEC && fcntl(raw, F_GETFD) == FD_CLOEXEC &&
+                dd_clt_probe("nosuchif0", ip) == -1);
+    EXPECT_TRUE(dd_send_msg(sender, "127.0.0.1", 0, "x", 1) == -1 &&
+                dd_send_msg(sender, "127.0.0.1", DD_PORT, "x", -1) == -1);
+    ASSERT_EQ(0, dd_send_msg(sender, "127.0.0.1", 1, "x", 2));        // the lowest port
     ASSERT_EQ(0, dd_send_msg(sender, "127.0.0.1", DD_PORT, "", 0));   // an empty datagram is one
     int from_port = 0, n = -1;   // the empty one, then a time-out
-    EXPECT_TRUE(dd_recv_msg(recver, ip, &from_port, buf, sizeof(buf)) == 0 && dd_recv_msg(recver, ip, &from_port, buf, 64) == -1);
+    EXPECT_TRUE(dd_recv_msg(recver, ip, &from_port, buf, sizeof(buf)) == 0 &&
+                dd_recv_msg(recver, ip, &from_port, buf, 64) == -1);
     ASSERT_EQ(0, dd_send_msg(sender, "127.0.0.1", DD_PORT, "hey", 4));
     for (int i = 0; i < 10 && n <= 0; i++)   // the raw filter passes only the discovery port's
         n = dd_recv_raw_msg(raw, buf, sizeof(buf));
     EXPECT_TRUE(n == 4 && !strcmp("hey", buf));
     dd_destory_sockfd(&sender), dd_destory_sockfd(&recver), dd_destory_sockfd(&raw);
-    EXPECT_EQ(-1, dd_clt_probe("lo", ip));   // no route for its broadcast
+    EXPECT_EQ(-1, dd_clt_probe("lo", ip));                 // no route for its broadcast
     ASSERT_EQ(0, system("ip route add default dev lo"));   // broadcasts stay on loopback
-    EXPECT_EQ(-1, dd_clt_probe("lo", ip));   // its own request heard, then a second of silence: no CAP
+    EXPECT_EQ(-1,
+              dd_clt_probe("lo", ip));   // its own request heard, then a second of silence: no CAP
 }
 
 TEST(Server, SweepReleasesOverdueSharesOnceAndCutsTheirSockets)
@@ -146,7 +169,8 @@ TEST(Server, AcceptOneAtATimeAndGiveBackOnThreadFailure)
     sockaddr_in sa{};
     socklen_t len = sizeof(sa);
     sa.sin_family = AF_INET, sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_TRUE(bind(lfd, (sockaddr *)&sa, len) == 0 && listen(lfd, 4) == 0 && getsockname(lfd, (sockaddr *)&sa, &len) == 0);
+    ASSERT_TRUE(bind(lfd, (sockaddr *)&sa, len) == 0 && listen(lfd, 4) == 0 &&
+                getsockname(lfd, (sockaddr *)&sa, &len) == 0);
     const int port = ntohs(sa.sin_port);
     entity listener{};
     listener.fd = lfd;
@@ -164,7 +188,8 @@ TEST(Server, AcceptOneAtATimeAndGiveBackOnThreadFailure)
     ASSERT_EQ(&ent_pool[1], created);
     EXPECT_STREQ("peer-127.0.0.1", created->name);
     EXPECT_TRUE(created->state == ST_TCP_DONE && fcntl(created->fd, F_GETFD) == FD_CLOEXEC);
-    EXPECT_TRUE(getsockopt(created->fd, IPPROTO_TCP, TCP_KEEPIDLE, &v, &(len = sizeof(v))) == 0 && v == 3);
+    EXPECT_TRUE(getsockopt(created->fd, IPPROTO_TCP, TCP_KEEPIDLE, &v, &(len = sizeof(v))) == 0 &&
+                v == 3);
     EXPECT_EQ(0, handle_new_connection(&listener));
     EXPECT_TRUE(recv(second, &c, 1, 0) == 0 && recv(first, &c, 1, MSG_DONTWAIT) == -1);
     EXPECT_TRUE(g_srving_cnt == 1 && !ent_pool[2].ssl);
@@ -192,7 +217,8 @@ TEST(Server, ReleaseWaitingForTheLockSkipsARecordReleasedMeanwhile)
         t.join();
     });
     size_t at = out.find("freeing entity");
-    EXPECT_TRUE(at != out.npos && at == out.rfind("freeing entity") && fcntl(0, F_GETFD) != -1) << out;   // released once
+    EXPECT_TRUE(at != out.npos && at == out.rfind("freeing entity") && fcntl(0, F_GETFD) != -1)
+        << out;   // released once
     dup2(keep, 0), close(keep), close(sv[1]);
 }
 
@@ -207,9 +233,10 @@ TEST(Server, AddressChangeEndsTheLoopAndCleanupReleasesEverySlot)
     for (int i = 0; i < 200 && (fd = tcp_to("127.0.0.1", MESH_PORT)) < 0; i++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     close(fd);
-    EXPECT_EQ(-ECONNREFUSED, tcp_to("127.0.0.2", MESH_PORT));   // the interface's address only
+    EXPECT_EQ(-ECONNREFUSED, tcp_to("127.0.0.2", MESH_PORT));      // the interface's address only
     std::this_thread::sleep_for(std::chrono::milliseconds(300));   // the probe's peer thread ends
-    pthread_mutex_lock(&lock), g_srving_cnt = 1, pthread_mutex_unlock(&lock);   // a peer in service: kept
+    pthread_mutex_lock(&lock), g_srving_cnt = 1,
+                               pthread_mutex_unlock(&lock);   // a peer in service: kept
     __atomic_store_n(&ip_changed, 1, __ATOMIC_SEQ_CST);
     t.join();
     EXPECT_TRUE(rc == 0 && !ent_pool[0].ssl && g_srving_cnt == 1);   // main entity released
@@ -260,7 +287,8 @@ TEST(Client, WatchdogAndBadTarget)
     // A bad target: released, the watchdog stopped; the WAN MAC refreshed first.
     fake_sys_answer("ifconfig eth4 |grep -o \"HWaddr*", "AA:BB:CC:DD:EE:FF\n");
     EXPECT_EQ(-1, start_mesh_client(nullptr, "", "300.1.2.x"));
-    EXPECT_TRUE(!ent_pool[0].ssl && !g_timer_flag && alarm(0) == 0 && !strcmp(g_macaddr, "AA:BB:CC:DD:EE:FF"));
+    EXPECT_TRUE(!ent_pool[0].ssl && !g_timer_flag && alarm(0) == 0 &&
+                !strcmp(g_macaddr, "AA:BB:CC:DD:EE:FF"));
 }
 
 // The factory LAN address (192.168.77.1) clashes with the way to the CAP (gateway or CAP
@@ -268,14 +296,26 @@ TEST(Client, WatchdogAndBadTarget)
 // fails (no TLS context), and restarts DHCP when the CAP is on another /24; INITTED on the 2nd look.
 TEST(Flow, ReLoopClashesBothWays)
 {
-    const char *wan = "uci -q set network.lan.ipaddr=10.0.0.20;uci commit network;ifconfig br-lan 10.0.0.20";
-    const char *fac = "uci -q set network.lan.ipaddr=192.168.77.1;uci commit network;ifconfig br-lan 192.168.77.1";
-    const struct { const char *gw, *cap, *link; std::vector<std::string> cmds; } cases[] = {
-        {"10.0.0.1", "10.0.0.1", "wan: up\n", {}}, {"192.168.77.1", "", "wan: up\n", {wan, fac, "killall -9 udhcpc"}},
-        {"10.0.0.1", "192.168.77.1", "wan: up\n", {wan, fac, "killall -9 udhcpc"}},
-        {"10.0.0.1", "", "wan: up\n", {wan, fac, "killall -9 udhcpc"}},      // no CAP address yet: a clash
-        {"192.168.77.1", "10.0.0.9", "wan: up\n", {wan, fac}},             // same /24 as the uplink: no restart
-        {"192.168.77.1", "", "wan: down\n", {}}, {"192.168.77.1", nullptr, "wan: up\n", {}}};   // not ready
+    const char *wan =
+        "uci -q set network.lan.ipaddr=10.0.0.20;uci commit network;ifconfig br-lan 10.0.0.20";
+    const char *fac = "uci -q set network.lan.ipaddr=192.168.77.1;uci commit network;ifconfig "
+                      "br-lan 192.168.77.1";
+    const struct {
+        const char *gw, *cap, *link;
+        std::vector<std::string> cmds;
+    } cases[] = {{"10.0.0.1", "10.0.0.1", "wan: up\n", {}},
+                 {"192.168.77.1", "", "wan: up\n", {wan, fac, "killall -9 udhcpc"}},
+                 {"10.0.0.1", "192.168.77.1", "wan: up\n", {wan, fac, "killall -9 udhcpc"}},
+                 {"10.0.0.1",
+                  "",
+                  "wan: up\n",
+                  {wan, fac, "killall -9 udhcpc"}},   // no CAP address yet: a clash
+                 {"192.168.77.1",
+                  "10.0.0.9",
+                  "wan: up\n",
+                  {wan, fac}},   // same /24 as the uplink: no restart
+                 {"192.168.77.1", "", "wan: down\n", {}},
+                 {"192.168.77.1", nullptr, "wan: up\n", {}}};   // not ready
     for (const auto &c : cases) {
         reset(0);
         fake_sys_answer("/sbin/linkprobe link", c.link);

@@ -4,13 +4,21 @@
 
 #include "testing.h"
 
-namespace {
+namespace
+{
 
 SSL_CTX *srv_ctx, *clt_ctx;
 const char kId[] = "0123456789abcd";
 
-int open_null() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
-bool all_zero(const entity *e) { static const entity zero{}; return !memcmp(e, &zero, sizeof(zero)); }
+int open_null()
+{
+    return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+bool all_zero(const entity *e)
+{
+    static const entity zero{};
+    return !memcmp(e, &zero, sizeof(zero));
+}
 
 std::string pass_of(int role, const char *id = kId)
 {
@@ -21,37 +29,52 @@ std::string pass_of(int role, const char *id = kId)
 }
 
 // Header (version, length, type: big-endian; the two radio MACs), then the body.
-std::string frame(uint16_t type, const std::string &body, int len = -1, uint16_t version = MSG_VERSION)
+std::string frame(uint16_t type, const std::string &body, int len = -1,
+                  uint16_t version = MSG_VERSION)
 {
     uint16_t h[3] = {htons(version), htons((uint16_t)(len < 0 ? body.size() : len)), htons(type)};
-    return std::string((const char *)h, 6) + "aa:bb:cc:00:00:02" + std::string(2, 0) + "aa:bb:cc:00:00:03" + std::string(2, 0) + body;
+    return std::string((const char *)h, 6) + "aa:bb:cc:00:00:02" + std::string(2, 0) +
+           "aa:bb:cc:00:00:03" + std::string(2, 0) + body;
 }
 
 std::string auth_body(int key_role, size_t size = 163)
 {
     std::string b(size, '\0'), p = pass_of(key_role);
-    memcpy(&b[0], kId, 14), memcpy(&b[16], p.data(), p.size()), memcpy(&b[144], "aa:bb:cc:00:00:01", 17);
+    memcpy(&b[0], kId, 14), memcpy(&b[16], p.data(), p.size()),
+        memcpy(&b[144], "aa:bb:cc:00:00:01", 17);
     return b;
 }
 
-std::string reply(int code) { return std::string(1, (char)code) + std::string(31, '\0'); }
-std::string sync_body(const char *text) { return std::string("\x04", 1) + std::string(SYNC_TEXT_OFFSET - 1, '\0') + text + '\0'; }
+std::string reply(int code)
+{
+    return std::string(1, (char)code) + std::string(31, '\0');
+}
+std::string sync_body(const char *text)
+{
+    return std::string("\x04", 1) + std::string(SYNC_TEXT_OFFSET - 1, '\0') + text + '\0';
+}
 
 // One raw frame, header and body, as the other end reads it; "" when none is waiting.
 std::string read_raw(entity *at)
 {
     struct pollfd p = {at->fd, POLLIN, 0};
     std::string f(MSG_HDR_SIZE, '\0');
-    if (at->fd < 0 || (!SSL_pending(at->ssl) && poll(&p, 1, 0) != 1) || entity_read(at, (uint8_t *)&f[0], MSG_HDR_SIZE) != MSG_HDR_SIZE)
+    if (at->fd < 0 || (!SSL_pending(at->ssl) && poll(&p, 1, 0) != 1) ||
+        entity_read(at, (uint8_t *)&f[0], MSG_HDR_SIZE) != MSG_HDR_SIZE)
         return "";
     f.resize(MSG_HDR_SIZE + ((uint8_t)f[2] << 8 | (uint8_t)f[3]));
     int body = (int)f.size() - MSG_HDR_SIZE;
     return entity_read(at, (uint8_t *)&f[MSG_HDR_SIZE], (uint32_t)body) == body ? f : "";
 }
 
-class Proto : public testing::Test {
-protected:
-    static void SetUpTestSuite() { signal(SIGPIPE, SIG_IGN), log_mode = LOG_MODE_STDERR, log_level = 0, tls_setup("/tmp/tls", &srv_ctx, &clt_ctx); }
+class Proto : public testing::Test
+{
+  protected:
+    static void SetUpTestSuite()
+    {
+        signal(SIGPIPE, SIG_IGN), log_mode = LOG_MODE_STDERR, log_level = 0,
+                                  tls_setup("/tmp/tls", &srv_ctx, &clt_ctx);
+    }
     void SetUp() override
     {
         ASSERT_TRUE(srv_ctx && clt_ctx);
@@ -70,7 +93,8 @@ protected:
     // `raw` from the other end, then one recv_message at the end of role `server`.
     int32_t deliver(int server, const std::string &raw)
     {
-        EXPECT_EQ((int)raw.size(), SSL_write((server ? re : cap)->ssl, raw.data(), (int)raw.size()));
+        EXPECT_EQ((int)raw.size(),
+                  SSL_write((server ? re : cap)->ssl, raw.data(), (int)raw.size()));
         g_is_server = server;
         return recv_message(server ? cap : re);
     }
@@ -84,21 +108,35 @@ protected:
 TEST_F(Proto, EveryStateAgainstEveryMessage)
 {
     const int32_t states[4] = {ST_SSL_DONE, ST_AUTH_SENT, ST_AUTH_SENT_2, ST_RUNNING};
-    const struct { int server, dry; uint16_t type; std::string body; const char *cells; } rows[] = {
-        {1, 0, MSG_AUTH_REQ, auth_body(0), "4a xA xA xA"}, {1, 0, MSG_AUTH_REQ, auth_body(1), "xA xA xA xA"},   // own key
-        {1, 0, MSG_AUTH_REPLY, reply(1), "x- 6q x- x-"}, {1, 0, MSG_AUTH_REPLY, reply(2), "x- x- x- x-"},
-        {1, 0, MSG_SYNC_REQ, sync_body("{}"), "x- x- x- x-"}, {1, 0, MSG_SYNC_REPLY, reply(1), "x- x- x- *-"},
-        {1, 1, MSG_SYNC_REPLY, reply(1), "x- x- x- f-"}, {1, 0, MSG_SYNC_REPLY, reply(2), "x- x- x- f-"},
-        {1, 0, 8, reply(1), "x- x- x- x-"}, {0, 0, 3, reply(1), "x- x- x- x-"},
-        {0, 0, MSG_AUTH_REQ, auth_body(1), "xA xA 6a xA"}, {0, 0, MSG_AUTH_REQ, auth_body(0), "xA xA xA xA"},   // own key
-        {0, 0, MSG_AUTH_REPLY, reply(1), "x- 5- x- x-"}, {0, 0, MSG_AUTH_REPLY, reply(2), "x- x- x- x-"},
-        {0, 0, MSG_SYNC_REQ, sync_body("{\"a\":1}"), "x- x- x- *s"}, {0, 1, MSG_SYNC_REQ, sync_body("{\"a\":1}"), "x- x- x- fs"},
-        {0, 0, MSG_SYNC_REQ, sync_body(""), "x- x- x- xS"}, {0, 0, MSG_SYNC_REPLY, reply(1), "x- x- x- x-"}};
+    const struct {
+        int server, dry;
+        uint16_t type;
+        std::string body;
+        const char *cells;
+    } rows[] = {{1, 0, MSG_AUTH_REQ, auth_body(0), "4a xA xA xA"},
+                {1, 0, MSG_AUTH_REQ, auth_body(1), "xA xA xA xA"},   // own key
+                {1, 0, MSG_AUTH_REPLY, reply(1), "x- 6q x- x-"},
+                {1, 0, MSG_AUTH_REPLY, reply(2), "x- x- x- x-"},
+                {1, 0, MSG_SYNC_REQ, sync_body("{}"), "x- x- x- x-"},
+                {1, 0, MSG_SYNC_REPLY, reply(1), "x- x- x- *-"},
+                {1, 1, MSG_SYNC_REPLY, reply(1), "x- x- x- f-"},
+                {1, 0, MSG_SYNC_REPLY, reply(2), "x- x- x- f-"},
+                {1, 0, 8, reply(1), "x- x- x- x-"},
+                {0, 0, 3, reply(1), "x- x- x- x-"},
+                {0, 0, MSG_AUTH_REQ, auth_body(1), "xA xA 6a xA"},
+                {0, 0, MSG_AUTH_REQ, auth_body(0), "xA xA xA xA"},   // own key
+                {0, 0, MSG_AUTH_REPLY, reply(1), "x- 5- x- x-"},
+                {0, 0, MSG_AUTH_REPLY, reply(2), "x- x- x- x-"},
+                {0, 0, MSG_SYNC_REQ, sync_body("{\"a\":1}"), "x- x- x- *s"},
+                {0, 1, MSG_SYNC_REQ, sync_body("{\"a\":1}"), "x- x- x- fs"},
+                {0, 0, MSG_SYNC_REQ, sync_body(""), "x- x- x- xS"},
+                {0, 0, MSG_SYNC_REPLY, reply(1), "x- x- x- x-"}};
     for (const auto &r : rows)
         for (int s = 0; s < 4; s++) {
             TearDown(), SetUp();
             entity *me = r.server ? cap : re;
-            strcpy(me->macaddr, "aa:bb:cc:00:00:01"), strcpy(me->mac2, "aa:bb:cc:00:00:02"), strcpy(me->mac5, "aa:bb:cc:00:00:03");
+            strcpy(me->macaddr, "aa:bb:cc:00:00:01"), strcpy(me->mac2, "aa:bb:cc:00:00:02"),
+                strcpy(me->mac5, "aa:bb:cc:00:00:03");
             me->state = states[s], g_dry_run = r.dry;
             int32_t rc = deliver(r.server, frame(r.type, r.body));
             if (rc == SYNC_ACCEPTED)   // the RE's loop applies an accepted configuration
@@ -109,8 +147,12 @@ TEST_F(Proto, EveryStateAgainstEveryMessage)
                 got[0] = rc != 0 ? 'x' : scripts ? '*' : 'f';
             std::string f = read_raw(r.server ? re : cap);
             if (f.size() > MSG_HDR_SIZE)
-                got[1] = f[5] == 6 ? 'q' : f[MSG_HDR_SIZE] > 2 ? '?' : (f[5] == 5 ? 'a' : 's') - (f[MSG_HDR_SIZE] == 1 ? 0 : 'a' - 'A');
-            EXPECT_EQ(std::string(r.cells + 3 * s, 2), got) << "role " << r.server << " type " << r.type << " state " << states[s];
+                got[1] = f[5] == 6 ? 'q'
+                         : f[MSG_HDR_SIZE] > 2
+                             ? '?'
+                             : (f[5] == 5 ? 'a' : 's') - (f[MSG_HDR_SIZE] == 1 ? 0 : 'a' - 'A');
+            EXPECT_EQ(std::string(r.cells + 3 * s, 2), got)
+                << "role " << r.server << " type " << r.type << " state " << states[s];
             EXPECT_TRUE(rc == (got[0] == 'x' ? -1 : 0) && scripts <= 1);
         }
 }
@@ -123,18 +165,31 @@ TEST_F(Proto, BoundariesOfFrameAndPassword)
     last.back() ^= 1, ninth[8] ^= 1;
     entity *e = cap;   // the CAP takes only the RE's key
     g_is_server = 1;
-    const struct { const char *id; int32_t id_len; std::string pass; int32_t len, rc; } auths[] = {
-        {kId, 14, good, 44, 0}, {"", 0, good, 44, -1}, {kId, 14, good, 43, -1}, {kId, 14, good + "A", 45, -1},
-        {kId, 14, ninth, 44, -1}, {"0", 1, pass_of(0, "0"), 44, 0}, {kId, 14, pass_of(1), 44, -1}, {kId, 14, last, 44, -1}};
+    const struct {
+        const char *id;
+        int32_t id_len;
+        std::string pass;
+        int32_t len, rc;
+    } auths[] = {{kId, 14, good, 44, 0},        {"", 0, good, 44, -1},
+                 {kId, 14, good, 43, -1},       {kId, 14, good + "A", 45, -1},
+                 {kId, 14, ninth, 44, -1},      {"0", 1, pass_of(0, "0"), 44, 0},
+                 {kId, 14, pass_of(1), 44, -1}, {kId, 14, last, 44, -1}};
     for (const auto &a : auths)
-        EXPECT_EQ(a.rc, check_auth(e, a.id, a.id_len, a.pass.c_str(), a.len)) << a.pass << " " << a.len;
+        EXPECT_EQ(a.rc, check_auth(e, a.id, a.id_len, a.pass.c_str(), a.len))
+            << a.pass << " " << a.len;
     EXPECT_EQ(e->state, ST_STOP);   // a wrong password ends the session
-    g_is_server = 0;   // an RE takes only the CAP's key
-    EXPECT_TRUE(check_auth(e, kId, 14, pass_of(1).c_str(), 44) == 0 && check_auth(e, kId, 14, good.c_str(), 44) == -1);
-    const struct { int len; uint16_t version; int32_t rc; } cases[] = {{2048, MSG_VERSION, 0}, {2049, MSG_VERSION, -1}, {163, 0x1002, -1}};
+    g_is_server = 0;                // an RE takes only the CAP's key
+    EXPECT_TRUE(check_auth(e, kId, 14, pass_of(1).c_str(), 44) == 0 &&
+                check_auth(e, kId, 14, good.c_str(), 44) == -1);
+    const struct {
+        int len;
+        uint16_t version;
+        int32_t rc;
+    } cases[] = {{2048, MSG_VERSION, 0}, {2049, MSG_VERSION, -1}, {163, 0x1002, -1}};
     for (const auto &c : cases) {
         TearDown(), SetUp();
-        EXPECT_EQ(c.rc, deliver(1, frame(MSG_AUTH_REQ, auth_body(0, c.len), c.len, c.version))) << c.len;
+        EXPECT_EQ(c.rc, deliver(1, frame(MSG_AUTH_REQ, auth_body(0, c.len), c.len, c.version)))
+            << c.len;
         EXPECT_EQ(c.rc ? "" : "4aa:bb:cc:00:00:01aa:bb:cc:00:00:02aa:bb:cc:00:00:03",
                   (c.rc ? "" : std::to_string(cap->state)) + cap->macaddr + cap->mac2 + cap->mac5);
     }
@@ -143,14 +198,18 @@ TEST_F(Proto, BoundariesOfFrameAndPassword)
         TearDown(), SetUp();
         strcpy(cap->mac5, "x"), cap->state = ST_AUTH_SENT;
         fake_sys_answer(MESH_INITBUF_CMD, initbuf);
-        std::string out = captured(stdout, [&] { EXPECT_EQ(*initbuf ? 0 : -1, deliver(1, frame(MSG_AUTH_REPLY, reply(1)))); });
-        EXPECT_EQ(*initbuf ? "x" : "mesh.re.conn.fail=SYNC_FAILED:1", *initbuf ? std::string(cap->mac5) : out);
+        std::string out = captured(stdout, [&] {
+            EXPECT_EQ(*initbuf ? 0 : -1, deliver(1, frame(MSG_AUTH_REPLY, reply(1))));
+        });
+        EXPECT_EQ(*initbuf ? "x" : "mesh.re.conn.fail=SYNC_FAILED:1",
+                  *initbuf ? std::string(cap->mac5) : out);
     }
     // A text that fills the whole frame reaches the platform whole.
     TearDown(), SetUp();
     re->state = ST_RUNNING;
     std::string body = sync_body(""), text(MSG_BUF_SIZE - SYNC_TEXT_OFFSET, 't');
-    ASSERT_EQ(SYNC_ACCEPTED, deliver(0, frame(MSG_SYNC_REQ, body.substr(0, SYNC_TEXT_OFFSET) + text)));
+    ASSERT_EQ(SYNC_ACCEPTED,
+              deliver(0, frame(MSG_SYNC_REQ, body.substr(0, SYNC_TEXT_OFFSET) + text)));
     EXPECT_EQ(0, sync_init_re(re));
     char side[1024] = {0};
     EXPECT_TRUE(f_string_read("/tmp/extra_wifi_param", side, 997) == 1 && side[996] == 't');
@@ -159,13 +218,20 @@ TEST_F(Proto, BoundariesOfFrameAndPassword)
 // The CAP takes TLS 1.2 with an AEAD suite, and refuses older versions and SHA-MAC suites.
 TEST_F(Proto, CapTlsPolicy)
 {
-    const struct { int max; const char *ciphers; int32_t rc; } cases[] = {   // rc: ssl_accept's
-        {TLS1_2_VERSION, "ECDHE-ECDSA-AES256-GCM-SHA384", 0}, {TLS1_1_VERSION, "ALL", -1},
-        {TLS1_2_VERSION, "ECDHE-ECDSA-AES128-SHA:ECDHE-ECDSA-AES256-SHA:ECDHE-ECDSA-AES128-SHA256", -1}};
+    const struct {
+        int max;
+        const char *ciphers;
+        int32_t rc;
+    } cases[] = {// rc: ssl_accept's
+                 {TLS1_2_VERSION, "ECDHE-ECDSA-AES256-GCM-SHA384", 0},
+                 {TLS1_1_VERSION, "ALL", -1},
+                 {TLS1_2_VERSION,
+                  "ECDHE-ECDSA-AES128-SHA:ECDHE-ECDSA-AES256-SHA:ECDHE-ECDSA-AES128-SHA256", -1}};
     for (const auto &c : cases) {
         TearDown();
         SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
-        SSL_CTX_set_security_level(ctx, 0), SSL_CTX_set_max_proto_version(ctx, c.max), SSL_CTX_set_cipher_list(ctx, c.ciphers);
+        SSL_CTX_set_security_level(ctx, 0), SSL_CTX_set_max_proto_version(ctx, c.max),
+            SSL_CTX_set_cipher_list(ctx, c.ciphers);
         EXPECT_EQ(c.rc, tls_connect_pair(srv_ctx, ctx, &cap, &re)) << c.ciphers;
         TearDown(), SSL_CTX_free(ctx);
     }
@@ -181,27 +247,63 @@ TEST_F(Proto, EntriesRefuseBadArguments)
     nossl.fd = cap->fd, broken.ssl = nullptr;
     WiFiConfig cfg{};
     g_is_server = 1;
-    const int32_t rcs[] = {
-        process_sync_req(nullptr, b), process_sync_req(re, nullptr), process_sync_reply(nullptr, b),
-        process_sync_reply(cap, nullptr), process_auth_req(nullptr, b), process_auth_req(cap, nullptr),
-        process_auth_reply(nullptr, b), process_auth_reply(cap, nullptr), send_sync_reply(nullptr, 1, ""),
-        send_auth_reply(nullptr, 1, ""), send_auth_req(nullptr), send_mesh_conf(nullptr), ssl_accept(nullptr),
-        ssl_accept(&nossl), entity_read_write(nullptr, 1, b, 4), entity_read_write(&nossl, 1, b, 4),
-        entity_read_write(cap, 1, nullptr, 4), entity_read(cap, nullptr, 4), check_auth(cap, nullptr, 14, "p", 1), check_auth(cap, "i", 1, nullptr, 1),
-        check_auth(cap, "i", 1, "p", 0), client_connect(nullptr, "1.2.3.4"), client_connect(&nossl, "1.2.3.4"),
-        dd_send_msg(-1, "", 9, b, 1), dd_send_msg(cap->fd, "", 9, nullptr, 1), dd_recv_msg(-1, t, &p, b, 4),
-        dd_recv_msg(cap->fd, t, &p, nullptr, 4), dd_recv_msg(cap->fd, t, &p, b, -1), dd_recv_raw_msg(-1, b, 4),
-        dd_recv_raw_msg(cap->fd, nullptr, 4), dd_recv_raw_msg(cap->fd, b, -1), dd_parse_raw_frame(nullptr, 64, b, 4),
-        dd_parse_raw_frame(b, -1, b, 4), dd_parse_raw_frame(b, 64, b, -1), dd_parse_raw_frame(b, 44, nullptr, 64),
-        tolva_exec_cmd(nullptr, t, 9), tolva_exec_cmd("true", nullptr, 9), getWifiMac(nullptr, 0), getWifiMac(t, -1),
-        getWifiMac(t, 3), tolvaInitCap(nullptr, "m", "a", "b", 1), tolvaInitCap(&cfg, nullptr, "a", "b", 1),
-        tolvaInitRe(nullptr, "", 1), tolva_derive_mac(nullptr, 1, t), tolva_derive_mac("zz", 1, t),
-        send_message(cap, 5, nullptr, 1), send_message(cap, 5, b, -1), send_message(cap, 5, b, 2005),
-        send_message(&nossl, 5, b, 1), dd_create_sockfd(nullptr, 0, 0), set_fd_timeout(-1, 1, 0), send_auth_req(&broken),
-        set_fd_timeout(open_null(), 1, 0)};
+    const int32_t rcs[] = {process_sync_req(nullptr, b),
+                           process_sync_req(re, nullptr),
+                           process_sync_reply(nullptr, b),
+                           process_sync_reply(cap, nullptr),
+                           process_auth_req(nullptr, b),
+                           process_auth_req(cap, nullptr),
+                           process_auth_reply(nullptr, b),
+                           process_auth_reply(cap, nullptr),
+                           send_sync_reply(nullptr, 1, ""),
+                           send_auth_reply(nullptr, 1, ""),
+                           send_auth_req(nullptr),
+                           send_mesh_conf(nullptr),
+                           ssl_accept(nullptr),
+                           ssl_accept(&nossl),
+                           entity_read_write(nullptr, 1, b, 4),
+                           entity_read_write(&nossl, 1, b, 4),
+                           entity_read_write(cap, 1, nullptr, 4),
+                           entity_read(cap, nullptr, 4),
+                           check_auth(cap, nullptr, 14, "p", 1),
+                           check_auth(cap, "i", 1, nullptr, 1),
+                           check_auth(cap, "i", 1, "p", 0),
+                           client_connect(nullptr, "1.2.3.4"),
+                           client_connect(&nossl, "1.2.3.4"),
+                           dd_send_msg(-1, "", 9, b, 1),
+                           dd_send_msg(cap->fd, "", 9, nullptr, 1),
+                           dd_recv_msg(-1, t, &p, b, 4),
+                           dd_recv_msg(cap->fd, t, &p, nullptr, 4),
+                           dd_recv_msg(cap->fd, t, &p, b, -1),
+                           dd_recv_raw_msg(-1, b, 4),
+                           dd_recv_raw_msg(cap->fd, nullptr, 4),
+                           dd_recv_raw_msg(cap->fd, b, -1),
+                           dd_parse_raw_frame(nullptr, 64, b, 4),
+                           dd_parse_raw_frame(b, -1, b, 4),
+                           dd_parse_raw_frame(b, 64, b, -1),
+                           dd_parse_raw_frame(b, 44, nullptr, 64),
+                           tolva_exec_cmd(nullptr, t, 9),
+                           tolva_exec_cmd("true", nullptr, 9),
+                           getWifiMac(nullptr, 0),
+                           getWifiMac(t, -1),
+                           getWifiMac(t, 3),
+                           tolvaInitCap(nullptr, "m", "a", "b", 1),
+                           tolvaInitCap(&cfg, nullptr, "a", "b", 1),
+                           tolvaInitRe(nullptr, "", 1),
+                           tolva_derive_mac(nullptr, 1, t),
+                           tolva_derive_mac("zz", 1, t),
+                           send_message(cap, 5, nullptr, 1),
+                           send_message(cap, 5, b, -1),
+                           send_message(cap, 5, b, 2005),
+                           send_message(&nossl, 5, b, 1),
+                           dd_create_sockfd(nullptr, 0, 0),
+                           set_fd_timeout(-1, 1, 0),
+                           send_auth_req(&broken),
+                           set_fd_timeout(open_null(), 1, 0)};
     for (size_t i = 0; i < sizeof(rcs) / sizeof(rcs[0]); i++)
         EXPECT_EQ(-1, rcs[i]) << "call " << i;
-    EXPECT_TRUE(cap->state == ST_SSL_DONE && read_raw(re).empty());   // untouched, and nothing was sent
+    EXPECT_TRUE(cap->state == ST_SSL_DONE &&
+                read_raw(re).empty());   // untouched, and nothing was sent
 }
 
 // The bytes a peer receives: the header; the record's fixed fields; the text up to its limit.
@@ -210,26 +312,35 @@ TEST_F(Proto, BytesOnTheWire)
     std::string body(2004, 'b');
     g_is_server = 1;
     EXPECT_EQ(2048, send_message(cap, 5, (const uint8_t *)body.data(), 2004));
-    EXPECT_EQ(read_raw(re), std::string("\x10\x01\x07\xd4\x00\x05", 6) + std::string(38, 0) + body);   // a CAP sends no MACs
+    EXPECT_EQ(read_raw(re), std::string("\x10\x01\x07\xd4\x00\x05", 6) + std::string(38, 0) +
+                                body);   // a CAP sends no MACs
     fake_sys_answer(MESH_INITBUF_CMD, std::string(952, 'j'));
     strcpy(g_locate, std::string(63, 'L').c_str());
     ASSERT_EQ(send_mesh_conf(cap), 0);
     for (size_t n : {0, 953})   // nothing, one past the limit
-        EXPECT_EQ(-1, (fake_sys_answer(MESH_INITBUF_CMD, std::string(n, 'j')), send_mesh_conf(cap))) << n;
+        EXPECT_EQ(-1, (fake_sys_answer(MESH_INITBUF_CMD, std::string(n, 'j')), send_mesh_conf(cap)))
+            << n;
     g_is_server = 0;
     std::string f = read_raw(re), r = f.substr(MSG_HDR_SIZE);
-    ASSERT_EQ(f.substr(2, 4) + r.substr(0, 2), std::string("\x07\xd4\x00\x06\x04\x00", 6));   // 2004 bytes, type 6; type 4, bsd off
-    const std::string locale(62, 'L');   // of 63, cut to 62 and the terminator
-    const struct { size_t off; const char *text; } fields[] = {
-        {2, "Home-2G"}, {35, "psk-secret"}, {100, "psk2"}, {116, "Home-5G"}, {149, "sae-secret-5"},
-        {214, "ccmp"}, {230, "KvMesh_0a1b2c3d"}, {263, "00112233445566ff"}, {328, "psk2"}, {984, locale.c_str()}};
+    ASSERT_EQ(f.substr(2, 4) + r.substr(0, 2),
+              std::string("\x07\xd4\x00\x06\x04\x00", 6));   // 2004 bytes, type 6; type 4, bsd off
+    const std::string locale(62, 'L');                       // of 63, cut to 62 and the terminator
+    const struct {
+        size_t off;
+        const char *text;
+    } fields[] = {{2, "Home-2G"},           {35, "psk-secret"},        {100, "psk2"},
+                  {116, "Home-5G"},         {149, "sae-secret-5"},     {214, "ccmp"},
+                  {230, "KvMesh_0a1b2c3d"}, {263, "00112233445566ff"}, {328, "psk2"},
+                  {984, locale.c_str()}};
     for (const auto &fl : fields)
         EXPECT_STREQ(fl.text, &r[fl.off]) << fl.off;
     EXPECT_EQ(r.substr(SYNC_TEXT_OFFSET), std::string(952, 'j') + '\0');
     EXPECT_EQ("", read_raw(re));   // the refused ones sent nothing
-    SSL_set_quiet_shutdown(cap->ssl, 0), SSL_shutdown(cap->ssl);   // an orderly close frees the reader's record
+    SSL_set_quiet_shutdown(cap->ssl, 0),
+        SSL_shutdown(cap->ssl);   // an orderly close frees the reader's record
     EXPECT_TRUE(entity_read(re, (uint8_t *)&f[0], 4) == -1 && all_zero(re));
-    EXPECT_TRUE(ssl_accept(cap) == 0 && cap->state == ST_SSL_DONE);   // past ST_TCP_DONE: nothing to do
+    EXPECT_TRUE(ssl_accept(cap) == 0 &&
+                cap->state == ST_SSL_DONE);   // past ST_TCP_DONE: nothing to do
 }
 
 // Slots: seven peers, the eighth refused without a share; a release gives slot and share back
@@ -246,20 +357,25 @@ TEST_F(Proto, SlotsSharesAndRelease)
         ASSERT_EQ(new_entity("peer", sv[0], 0), &ent_pool[i]);
     }
     int fd = open_null();
-    EXPECT_TRUE(new_entity("peer", fd, 0) == nullptr && g_srving_cnt == 7 && fcntl(fd, F_GETFD) != -1);
+    EXPECT_TRUE(new_entity("peer", fd, 0) == nullptr && g_srving_cnt == 7 &&
+                fcntl(fd, F_GETFD) != -1);
     uint32_t gen = ent_gen(&ent_pool[3]);
     free_entity(&ent_pool[3]);
     EXPECT_TRUE(all_zero(&ent_pool[3]) && g_srving_cnt == 6);
     entity *again = new_entity("peer", fd, 0);
     ASSERT_EQ(again, &ent_pool[3]);
     EXPECT_EQ(pass_of(1, again->id), again->pass);   // a fresh id, signed with the CAP's key
-    EXPECT_TRUE(again->slot == 3 && again->start_ts == 100 && strspn(again->id, "0123456789abcdef") == 14);
-    EXPECT_EQ(0, ent_release_share(3, gen) + ent_release_share(0, ent_gen(&ent_pool[0])));   // stale generation; no peer
-    EXPECT_EQ(1, ent_release_share(3, ent_gen(again)) + ent_release_share(3, ent_gen(again)));   // once
+    EXPECT_TRUE(again->slot == 3 && again->start_ts == 100 &&
+                strspn(again->id, "0123456789abcdef") == 14);
+    EXPECT_EQ(0, ent_release_share(3, gen) +
+                     ent_release_share(0, ent_gen(&ent_pool[0])));   // stale generation; no peer
+    EXPECT_EQ(1, ent_release_share(3, ent_gen(again)) +
+                     ent_release_share(3, ent_gen(again)));   // once
     EXPECT_EQ(6, g_srving_cnt);
     disconnect_others(cap);   // their sockets go, their records stay with their threads
     char c;
-    EXPECT_TRUE(recv(first, &c, 1, 0) == 0 && recv(last, &c, 1, 0) == 0 && ent_pool[2].ssl && ent_pool[7].ssl);
+    EXPECT_TRUE(recv(first, &c, 1, 0) == 0 && recv(last, &c, 1, 0) == 0 && ent_pool[2].ssl &&
+                ent_pool[7].ssl);
     EXPECT_EQ(-1, recv(re->fd, &c, 1, MSG_DONTWAIT));   // the kept peer's socket stays
     close(first), close(last);
     current = 0;
@@ -270,7 +386,7 @@ TEST_F(Proto, SlotsSharesAndRelease)
     g_is_server = 0;
     free_entity(young);
     if (fcntl(0, F_GETFD) == -1)
-        open_null();   // the lowest free number: 0
+        open_null();                                           // the lowest free number: 0
     free_entity(young), g_is_server = 1, free_entity(young);   // a second release in either role
     EXPECT_NE(-1, fcntl(0, F_GETFD));
     fd = re->fd;
@@ -282,4 +398,4 @@ TEST_F(Proto, SlotsSharesAndRelease)
     EXPECT_EQ(nullptr, new_entity("RE", -1, 1));
 }
 
-}  // namespace
+}   // namespace

@@ -8,10 +8,14 @@ TEST(Util, HmacOfEachRoleLogLevelsAndStatusRecord)
 {
     EXPECT_EQ(7, log_level);   // until -l says otherwise
     log_level = 0;
-    for (int role : {1, 0, 7}) {   // the shared key with 'x' (CAP) or 'q' (RE) first, as a peer computes it
+    for (int role :
+         {1, 0, 7}) {   // the shared key with 'x' (CAP) or 'q' (RE) first, as a peer computes it
         std::string key = g_shared_key, want;
         key[0] = role ? 'x' : 'q';
-        FILE *p = popen(("printf 0a1b2c3d4e5f60 | openssl dgst -sha256 -hmac '" + key + "' -binary | base64").c_str(), "r");
+        FILE *p = popen(
+            ("printf 0a1b2c3d4e5f60 | openssl dgst -sha256 -hmac '" + key + "' -binary | base64")
+                .c_str(),
+            "r");
         for (int c; (c = fgetc(p)) != EOF && c != '\n';)
             want += (char)c;
         pclose(p);
@@ -22,30 +26,41 @@ TEST(Util, HmacOfEachRoleLogLevelsAndStatusRecord)
     }
     int evaluated = 0;
     std::string err = captured(stderr, [&] {
-        EXPECT_EQ(log_mode_set(LOG_MODE_STDERR) + log_mode_set(2), -1);   // an unknown mode is refused
+        EXPECT_EQ(log_mode_set(LOG_MODE_STDERR) + log_mode_set(2),
+                  -1);   // an unknown mode is refused
         for (const auto &l : {std::make_pair(8, 7), {7, 7}, {-1, 0}, {3, 3}})
             EXPECT_EQ(l.second, log_level_set(l.first) + log_level) << l.first;   // clamped to 0..7
         LOG(4, "not shown %d\n", ++evaluated);
         LOG(3, "shown %d|\n", 42);
     });
-    EXPECT_TRUE(evaluated == 0 && err.find("]: shown 42|\n") != std::string::npos) << err;   // nothing evaluated
+    EXPECT_TRUE(evaluated == 0 && err.find("]: shown 42|\n") != std::string::npos)
+        << err;   // nothing evaluated
     log_mode_set(LOG_MODE_SYSLOG);
     // Exactly the text on stdout, no line feed added: the platform reads it.
-    EXPECT_EQ("mesh.re.conn.fail=AUTH_FAILED:1",
-              captured(stdout, [] { report_status("%s=%s:%d", "mesh.re.conn.fail", "AUTH_FAILED", 1); }));
+    EXPECT_EQ("mesh.re.conn.fail=AUTH_FAILED:1", captured(stdout, [] {
+                  report_status("%s=%s:%d", "mesh.re.conn.fail", "AUTH_FAILED", 1);
+              }));
     log_level = 7;
 }
 
 TEST(Util, CommandOutputAndInjectionGuard)
 {
     fake_sys_real_sleep = true;   // real commands, really waited for
-    const struct { const char *cmd; int size, rc; size_t len; } cases[] = {
-        {"echo", 1024, 0, 1}, {"true", 1024, -1, 0},
+    const struct {
+        const char *cmd;
+        int size, rc;
+        size_t len;
+    } cases[] = {
+        {"echo", 1024, 0, 1},
+        {"true", 1024, -1, 0},
         // An exact multiple of the 128-byte chunk ends in an empty read: failure.
-        {"head -c 128 /dev/zero | tr '\\0' a", 1024, -1, 128}, {"head -c 129 /dev/zero | tr '\\0' b", 1024, 0, 129},
+        {"head -c 128 /dev/zero | tr '\\0' a", 1024, -1, 128},
+        {"head -c 129 /dev/zero | tr '\\0' b", 1024, 0, 129},
         {"head -c 200 /dev/zero | tr '\\0' c", 150, -1, 128},   // the second chunk does not fit
-        {"head -c 129 /dev/zero | tr '\\0' d", 130, 0, 129},     // it fits exactly, terminator included
-        {"printf 'abcd\\n'", 4, -1, 0}, {"echo", 0, -1, 64}};    // 64: untouched
+        {"head -c 129 /dev/zero | tr '\\0' d", 130, 0,
+         129},   // it fits exactly, terminator included
+        {"printf 'abcd\\n'", 4, -1, 0},
+        {"echo", 0, -1, 64}};   // 64: untouched
     char out[64], buf[16];
     for (const auto &c : cases) {
         char big[1024];
@@ -55,15 +70,21 @@ TEST(Util, CommandOutputAndInjectionGuard)
     }
     EXPECT_STREQ(getCmdResultSlow("printf abcdef", buf, 4), "abcd");
     size_t olen = 0;   // base64 of 4 bytes takes 8 and the terminator
-    EXPECT_TRUE(base64_encode((uint8_t *)buf, 8, &olen, (const uint8_t *)"abcd", 4) == -42 && olen == 9);
-    EXPECT_TRUE(base64_encode((uint8_t *)buf, 8, &olen, (const uint8_t *)"abcdef", 6) == -42 && olen == 9);
-    EXPECT_TRUE(base64_encode((uint8_t *)buf, 9, &olen, (const uint8_t *)"\xff\xfe\x00\x80", 4) == 0 && !strcmp(buf, "//4AgA=="));
+    EXPECT_TRUE(base64_encode((uint8_t *)buf, 8, &olen, (const uint8_t *)"abcd", 4) == -42 &&
+                olen == 9);
+    EXPECT_TRUE(base64_encode((uint8_t *)buf, 8, &olen, (const uint8_t *)"abcdef", 6) == -42 &&
+                olen == 9);
+    EXPECT_TRUE(base64_encode((uint8_t *)buf, 9, &olen, (const uint8_t *)"\xff\xfe\x00\x80", 4) ==
+                    0 &&
+                !strcmp(buf, "//4AgA=="));
     log_level = 0;
     for (const char *c = "@`$#,;'\\\"[]&*()|<>"; *c; c++)
         EXPECT_EQ(check_injection((std::string("ssid") + *c + "x").c_str()), -1) << *c;
     EXPECT_EQ(check_injection("My Net-5G/a.b:c=d!\n"), 0);
     int refused = 0, clean = 0;
-    captured(stdout, [&] { refused = check_params("ss", "x", "y;z"), clean = check_params("s-s", "a", "b"); });
+    captured(stdout, [&] {
+        refused = check_params("ss", "x", "y;z"), clean = check_params("s-s", "a", "b");
+    });
     EXPECT_TRUE(refused == -1 && clean == 0);
     log_level = 7, fake_sys_real_sleep = false;
 }
@@ -72,32 +93,42 @@ TEST(Util, EnvironmentChecks)
 {
     log_level = 0;
     fake_sys_install();
-    const struct { const char *cmd, *out; int32_t (*fn)(); int32_t rc; } checks[] = {
-        {"cat /proc/veltrasso/ft_mode", "0\n", nullptr, 0}, {"boardkv get SN", "SN12\n", nullptr, 0},
+    const struct {
+        const char *cmd, *out;
+        int32_t (*fn)();
+        int32_t rc;
+    } checks[] = {
+        {"cat /proc/veltrasso/ft_mode", "0\n", nullptr, 0},
+        {"boardkv get SN", "SN12\n", nullptr, 0},
         {"macinfo wan 2>/dev/null", "0123456789abcdefghijk\n", tolva_check_env, 0},
         // A serial of 4 characters, line feed included, is enough.
-        {"boardkv get SN", "SN\n", tolva_check_env, -1}, {"boardkv get SN", "SN1\n", tolva_check_env, 0},
+        {"boardkv get SN", "SN\n", tolva_check_env, -1},
+        {"boardkv get SN", "SN1\n", tolva_check_env, 0},
         {"macinfo wan 2>/dev/null", "", tolva_check_env, -1},
         {"uci -q get veltrasso.common.INITTED", "YESTERDAY\n", is_initted, 0},
         {"uci -q get veltrasso.common.INITTED", "yes\n", is_initted, -1},
         {"cat /tmp/boot_check_done 2>/dev/null", "1\n", check_boot_ready, 0},
         {"cat /tmp/boot_check_done 2>/dev/null", "0\n", check_boot_ready, -1},
         {"/sbin/linkprobe link", "wan down\nplan: up\n", [] { return check_cable_pluged(1); }, -1},
-        {"/sbin/linkprobe link", "wan down\nplan: up\n", [] { return check_cable_pluged(0); }, 0}};   // "lan", "up"
+        {"/sbin/linkprobe link", "wan down\nplan: up\n", [] { return check_cable_pluged(0); },
+         0}};   // "lan", "up"
     for (const auto &c : checks) {
         fake_sys_answer(c.cmd, c.out);
         EXPECT_EQ(c.rc, c.fn ? c.fn() : 0) << c.cmd << " " << c.out;
     }
-    fake_sys_install(), fake_sys_answer("cat /proc/veltrasso/ft_mode", "1\n");   // a factory box stops at step 1
+    fake_sys_install(),
+        fake_sys_answer("cat /proc/veltrasso/ft_mode", "1\n");   // a factory box stops at step 1
     EXPECT_TRUE(tolva_check_env() == -1 && !fake_sys_ran("boardkv get SN"));
     EXPECT_EQ(std::string(g_macaddr, sizeof(g_macaddr)), "0123456789abcdefghi");   // no terminator
     char name[16], mac[19] = {0};
     fake_sys_answer("uci -q get network.wan.ifname", "br-wan\n");
-    EXPECT_TRUE(get_wan_ifname(name) == 0 && !strcmp(name, "br")) << name;   // cut at the first non-alphanumeric
+    EXPECT_TRUE(get_wan_ifname(name) == 0 && !strcmp(name, "br"))
+        << name;   // cut at the first non-alphanumeric
     fake_sys_router();
     EXPECT_TRUE(getWifiMac(mac, 1) == 0 && !strcmp(mac, "28:6c:07:11:22:34")) << mac;
     fake_sys_answer("*", FAKE_SYS_FAIL);   // no command can be started
-    EXPECT_TRUE(tolva_exec_cmd("x", name, 16) == -1 && getWifiMac(mac, 0) == -1 && !getCmdResult("x", name, 8));
+    EXPECT_TRUE(tolva_exec_cmd("x", name, 16) == -1 && getWifiMac(mac, 0) == -1 &&
+                !getCmdResult("x", name, 8));
     EXPECT_TRUE(check_boot_ready() == -1 && is_initted() == -1 && tolva_check_env() == -1);
     sys_set_ops(nullptr);
     log_level = 7;
@@ -108,15 +139,19 @@ TEST(Util, SocketOptionsReadBackAndCloseOnce)
 {
     int fd = socket(AF_INET, SOCK_STREAM, 0), null = open("/dev/null", O_RDONLY), v;
     ASSERT_EQ(0, set_fd_keepalive(fd));
-    const int want[][3] = {{SOL_SOCKET, SO_KEEPALIVE, 1}, {IPPROTO_TCP, TCP_KEEPIDLE, 3}, {IPPROTO_TCP, TCP_KEEPINTVL, 1},
+    const int want[][3] = {{SOL_SOCKET, SO_KEEPALIVE, 1},
+                           {IPPROTO_TCP, TCP_KEEPIDLE, 3},
+                           {IPPROTO_TCP, TCP_KEEPINTVL, 1},
                            {IPPROTO_TCP, TCP_KEEPCNT, 3}};
     socklen_t l = sizeof(v);
     for (const auto &w : want)
-        EXPECT_TRUE(getsockopt(fd, w[0], w[1], &(v = -1), &l) == 0 && v == w[2]) << w[1] << " " << v;
+        EXPECT_TRUE(getsockopt(fd, w[0], w[1], &(v = -1), &l) == 0 && v == w[2])
+            << w[1] << " " << v;
     EXPECT_EQ(-2, set_fd_keepalive(-1) + set_fd_keepalive(null));   // no socket, twice
     set_fd_flag(fd, FD_CLOEXEC), set_fd_nonblocking(fd);
     EXPECT_TRUE(fcntl(fd, F_GETFD) == FD_CLOEXEC && fcntl(fd, F_GETFL) & O_NONBLOCK);
-    int32_t n = fd, reuse = (dd_destory_sockfd(&n), dup(null));   // likely the same number: a second close must leave it
+    int32_t n = fd, reuse = (dd_destory_sockfd(&n),
+                             dup(null));   // likely the same number: a second close must leave it
     dd_destory_sockfd(&n), dd_destory_sockfd(nullptr);
     EXPECT_TRUE(n == -1 && fcntl(reuse, F_GETFD) != -1);
     int keep = dup(0);   // descriptor 0 is one like any other (a daemon started with stdin closed)
@@ -130,7 +165,8 @@ TEST(Util, MeshLockLifeOwnershipAndStatusFile)
     log_level = 0;
     unlink(MESH_LOCK_FILE);
     EXPECT_EQ(tolvaMeshLockStatus(), 0);
-    const int ages[][3] = {{240, 0, 1}, {-100, 0, 1}, {241, 0, 0}, {241, 1, 0}};   // age, ours, live
+    const int ages[][3] = {
+        {240, 0, 1}, {-100, 0, 1}, {241, 0, 0}, {241, 1, 0}};   // age, ours, live
     for (const auto &a : ages)
         for (long now = -1; now != uptime();) {   // again if the uptime second turned over
             now = uptime();
@@ -138,11 +174,13 @@ TEST(Util, MeshLockLifeOwnershipAndStatusFile)
             f_string_write(MESH_LOCK_FILE, s.data(), (uint32_t)s.size());
             g_mesh_locked = a[1];
             EXPECT_EQ(a[2], tolvaTryRemoveMeshLock()) << a[0];
-            EXPECT_EQ(a[1] && !a[2] ? -1 : 0, access(MESH_LOCK_FILE, F_OK)) << "a stale lock is removed only when ours";
+            EXPECT_EQ(a[1] && !a[2] ? -1 : 0, access(MESH_LOCK_FILE, F_OK))
+                << "a stale lock is removed only when ours";
         }
     EXPECT_EQ(g_mesh_locked, 0);
     f_string_write(MESH_LOCK_FILE, "1", 1);
-    EXPECT_TRUE(tolvaRemoveMeshLock() == 0 && access(MESH_LOCK_FILE, F_OK) == 0);   // not ours: untouched
+    EXPECT_TRUE(tolvaRemoveMeshLock() == 0 &&
+                access(MESH_LOCK_FILE, F_OK) == 0);   // not ours: untouched
     unlink(MESH_LOCK_FILE);
     EXPECT_TRUE(tolvaGetMeshLock() == 1 && g_mesh_locked == 1 && tolvaGetMeshLock() == -1);
     EXPECT_GE(tolvaMeshLockStatus(), uptime() - 1);
@@ -151,7 +189,8 @@ TEST(Util, MeshLockLifeOwnershipAndStatusFile)
     f_string_write("/tmp/112233445566-status", "previous content", 16);
     tolvaMeshUpdateFailureStatus("11:22:33:44:55:66:77");
     char st[17] = {0};
-    EXPECT_TRUE(f_string_read("/tmp/112233445566-status", st, 6) == 1 && !strcmp(st, "failed")) << st;
+    EXPECT_TRUE(f_string_read("/tmp/112233445566-status", st, 6) == 1 && !strcmp(st, "failed"))
+        << st;
     log_level = 7;
 }
 
@@ -163,37 +202,50 @@ TEST(Util, CommandsStartWithCleanSignalState)
     sigset_t all, old;
     sigfillset(&all), pthread_sigmask(SIG_BLOCK, &all, &old);
     char out[64] = {0}, *end;
-    FILE *p = sys_popen("sed -n 's/^Sig\\(Blk\\|Ign\\):\\s*/0x/p' /proc/$$/status | tr '\\n' ' '", "r");
+    FILE *p =
+        sys_popen("sed -n 's/^Sig\\(Blk\\|Ign\\):\\s*/0x/p' /proc/$$/status | tr '\\n' ' '", "r");
     ASSERT_TRUE(p && fgets(out, sizeof(out), p) && sys_pclose(p) == 0);
-    EXPECT_TRUE(strtoull(out, &end, 16) == 0 && !(strtoull(end, nullptr, 16) & 1ull << (SIGPIPE - 1))) << out;
+    EXPECT_TRUE(strtoull(out, &end, 16) == 0 &&
+                !(strtoull(end, nullptr, 16) & 1ull << (SIGPIPE - 1)))
+        << out;
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 TEST(Platform, CollectionVariants)
 {
     // Only the first four characters of the encryption pick sae_password; bsd is on for any first character but "0".
-    const struct { const char *enc, *key, *bsd_answer; int bsd; } cases[] = {
-        {"ccmp", "sae-secret", "0\n", 0}, {"ccmp256", "sae-secret", "", 0}, {"psk2+ccmp", "psk-secret", "\n", 0},
-        {"none", "psk-secret", "2\n", 1}, {"psk2", "psk-secret", "01\n", 0}};
+    const struct {
+        const char *enc, *key, *bsd_answer;
+        int bsd;
+    } cases[] = {{"ccmp", "sae-secret", "0\n", 0},
+                 {"ccmp256", "sae-secret", "", 0},
+                 {"psk2+ccmp", "psk-secret", "\n", 0},
+                 {"none", "psk-secret", "2\n", 1},
+                 {"psk2", "psk-secret", "01\n", 0}};
     fake_sys_install(), fake_sys_router();
     WiFiConfig cfg, again;
     for (const auto &c : cases) {
         fake_sys_answer("uci -q get wireless.wifi2.encryption", std::string(c.enc) + "\n");
         fake_sys_answer("uci -q get wireless.wifi1.bsd", c.bsd_answer);
         ASSERT_EQ(0, tolvaGetWiFiConfig(&cfg)) << c.enc;
-        EXPECT_EQ(std::string(c.key) + c.enc + std::to_string(c.bsd), std::string(cfg.key_2g) + cfg.enc_2g + std::to_string(cfg.bsd));
+        EXPECT_EQ(std::string(c.key) + c.enc + std::to_string(c.bsd),
+                  std::string(cfg.key_2g) + cfg.enc_2g + std::to_string(cfg.bsd));
     }
     // The backhaul band picks the AP; 16 characters do not fit a 16-byte band: 5g.
     char band[16];
-    fake_sys_answer("mesh_tool backhaul get band", "2g"), fake_sys_answer("uci -q get misc.backhauls.backhaul_2g_ap_iface", "wl5\n");
-    EXPECT_TRUE(tolva_get_bh_band(band, sizeof(band)) == band && !strcmp(band, "2g") && tolvaGetWiFiConfig(&cfg) == 0 &&
+    fake_sys_answer("mesh_tool backhaul get band", "2g"),
+        fake_sys_answer("uci -q get misc.backhauls.backhaul_2g_ap_iface", "wl5\n");
+    EXPECT_TRUE(tolva_get_bh_band(band, sizeof(band)) == band && !strcmp(band, "2g") &&
+                tolvaGetWiFiConfig(&cfg) == 0 &&
                 fake_sys_ran("uci -q get misc.backhauls.backhaul_2g_ap_iface"));
     for (const char *b : {"abcdefghijklmnop", ""}) {
         fake_sys_answer("mesh_tool backhaul get band", b);
         EXPECT_EQ(nullptr, tolva_get_bh_band(band, sizeof(band))) << b;
     }
     // The band set goes with the band the tool printed; DFS support is a number.
-    const char *const tool[][4] = {{"5g", "0\n", "2\n", "0"}, {"5g", "1\n", "0\n", "-1"}, {"", "0\n", "", "-1"},
+    const char *const tool[][4] = {{"5g", "0\n", "2\n", "0"},
+                                   {"5g", "1\n", "0\n", "-1"},
+                                   {"", "0\n", "", "-1"},
                                    {"5g", "", "", "-1"}};
     for (const auto &t : tool) {
         fake_sys_answer("mesh_tool backhaul get band 2g", t[0]);
@@ -203,14 +255,18 @@ TEST(Platform, CollectionVariants)
         EXPECT_EQ(t[2][0] > '0', tolva_mesh_support_dfs()) << t[2];
     }
     int32_t freqs[4];
-    EXPECT_TRUE(tolva_set_bh_band(nullptr) == -1 && tolva_get_freq_list(1, "lo", freqs) == -1);   // no wireless here
+    EXPECT_TRUE(tolva_set_bh_band(nullptr) == -1 &&
+                tolva_get_freq_list(1, "lo", freqs) == -1);   // no wireless here
     // No backhaul section yet: a new random network each time.
     fake_sys_answer("uci show wireless | grep -w \"ifname='wl5'\" | cut -d '.' -f1-2", "");
     ASSERT_TRUE(tolvaGetWiFiConfig(&cfg) == 0 && tolvaGetWiFiConfig(&again) == 0);
     std::string both = std::string(cfg.bh_ssid) + cfg.bh_key;
-    EXPECT_TRUE(both.rfind("KvMesh_", 0) == 0 && both.size() == 31 && strspn(&both[7], "0123456789abcdef") == 24) << both;
+    EXPECT_TRUE(both.rfind("KvMesh_", 0) == 0 && both.size() == 31 &&
+                strspn(&both[7], "0123456789abcdef") == 24)
+        << both;
     EXPECT_TRUE(strcmp(cfg.bh_ssid, again.bh_ssid) && strcmp(cfg.bh_key, again.bh_key));
-    fake_sys_answer("uci show wireless | grep -w \"ifname='wl0'\" | cut -d '.' -f1-2", FAKE_SYS_FAIL);
+    fake_sys_answer("uci show wireless | grep -w \"ifname='wl0'\" | cut -d '.' -f1-2",
+                    FAKE_SYS_FAIL);
     EXPECT_EQ(-1, tolvaGetWiFiConfig(&cfg));   // a query that cannot run
 }
 
@@ -221,30 +277,40 @@ TEST(Platform, CommandLineVariantsAndScriptStatus)
     strcpy(cfg.ssid_2g, "Home-2G"), strcpy(cfg.key_2g, "secret123"), strcpy(cfg.enc_2g, "none");
     strcpy(cfg.bh_ssid, "KvMesh_ab12cd34"), strcpy(cfg.bh_key, "k3y"), strcpy(cfg.bh_enc, "psk2");
     cfg.bsd = 1, strcpy(cfg.locale, "US");
-    ASSERT_EQ(0, tolvaInitRe(&cfg, "", 1));   // band steering: one network; the locale first, base64, unquoted
+    ASSERT_EQ(0,
+              tolvaInitRe(&cfg, "",
+                          1));   // band steering: one network; the locale first, base64, unquoted
     cfg.bsd = 0, cfg.locale[0] = 0;
-    strcpy(cfg.enc_2g, "nonexx"), strcpy(cfg.enc_5g, "psk2");   // not a prefix of "none"; an empty key stays ''
+    strcpy(cfg.enc_2g, "nonexx"),
+        strcpy(cfg.enc_5g, "psk2");   // not a prefix of "none"; an empty key stays ''
     ASSERT_EQ(0, tolvaInitRe(&cfg, "", 1));
     cfg.bsd = 1;
-    ASSERT_EQ(0, tolvaInitCap(&cfg, "AA:BB:CC:DD:EE:01", "28:11:22:33:44:55", "2a:11:22:33:44:66", 1));
+    ASSERT_EQ(0,
+              tolvaInitCap(&cfg, "AA:BB:CC:DD:EE:01", "28:11:22:33:44:55", "2a:11:22:33:44:66", 1));
     cfg.bsd = 0;   // first octet o + 4n wraps past 0xff and keeps its low two bits, bit 1 set
-    ASSERT_EQ(0, tolvaInitCap(&cfg, "AA:BB:CC:DD:EE:01", "fd:6c:07:20:00:02", "fe:6c:07:20:00:03", 1));
+    ASSERT_EQ(0,
+              tolvaInitCap(&cfg, "AA:BB:CC:DD:EE:01", "fd:6c:07:20:00:02", "fe:6c:07:20:00:03", 1));
     EXPECT_EQ(-1, tolvaInitCap(&cfg, "AA:BB;reboot", "28:11:22:33:44:55", "2a:11:22:33:44:66", 1));
-    for (const char *mac : {"AA:BB:CC:DD:EE:0", "AA:BB:CC:DD:EE:01:", "AA-BB-CC-DD-EE-01", "AA:BB:CC:DD:EE:0G", (const char *)0})
+    for (const char *mac : {"AA:BB:CC:DD:EE:0", "AA:BB:CC:DD:EE:01:", "AA-BB-CC-DD-EE-01",
+                            "AA:BB:CC:DD:EE:0G", (const char *)0})
         EXPECT_EQ(-1, tolva_check_mac_str(mac)) << (mac ? mac : "null");
     EXPECT_EQ(0, tolva_check_mac_str("28:6C:07:aB:cd:EF"));
     EXPECT_EQ(-1, tolvaCleanCap("AA:BB:CC:DD:EE:01`id`"));
     ASSERT_EQ(0, tolvaCleanCap("AA:BB:CC:DD:EE:01"));
-    EXPECT_EQ(std::vector<std::string>({
-                  "/usr/bin/lua /usr/sbin/mesh_info.lua locale VVM=",
-                  "/usr/sbin/mesh_setup.sh re_init_bsd 'SG9tZS0yRw==' 'null' 'none' 'S3ZNZXNoX2FiMTJjZDM0' 'azN5' 'psk2' 1",
-                  "/usr/sbin/mesh_setup.sh re_init 'SG9tZS0yRw==' 'c2VjcmV0MTIz' 'nonexx' '' '' 'psk2' 'S3ZNZXNoX2FiMTJjZDM0' "
-                  "'azN5' 'psk2' 1",
-                  "/usr/sbin/mesh_setup.sh cap_init_bsd 'AA:BB:CC:DD:EE:01' '32:11:22:33:44:55' '32:11:22:33:44:66' "
-                  "'2E:11:22:33:44:55' '2E:11:22:33:44:66' 'S3ZNZXNoX2FiMTJjZDM0' 'azN5' 1",
-                  "/usr/sbin/mesh_setup.sh cap_init 'AA:BB:CC:DD:EE:01' '07:6C:07:20:00:02' '06:6C:07:20:00:03' "
-                  "'03:6C:07:20:00:02' '02:6C:07:20:00:03' 'S3ZNZXNoX2FiMTJjZDM0' 'azN5' 1",
-                  "/usr/sbin/mesh_setup.sh cap_clean 'wl9' 'AA:BB:CC:DD:EE:01'"}),
+    EXPECT_EQ(std::vector<std::string>(
+                  {"/usr/bin/lua /usr/sbin/mesh_info.lua locale VVM=",
+                   "/usr/sbin/mesh_setup.sh re_init_bsd 'SG9tZS0yRw==' 'null' 'none' "
+                   "'S3ZNZXNoX2FiMTJjZDM0' 'azN5' 'psk2' 1",
+                   "/usr/sbin/mesh_setup.sh re_init 'SG9tZS0yRw==' 'c2VjcmV0MTIz' 'nonexx' '' '' "
+                   "'psk2' 'S3ZNZXNoX2FiMTJjZDM0' "
+                   "'azN5' 'psk2' 1",
+                   "/usr/sbin/mesh_setup.sh cap_init_bsd 'AA:BB:CC:DD:EE:01' '32:11:22:33:44:55' "
+                   "'32:11:22:33:44:66' "
+                   "'2E:11:22:33:44:55' '2E:11:22:33:44:66' 'S3ZNZXNoX2FiMTJjZDM0' 'azN5' 1",
+                   "/usr/sbin/mesh_setup.sh cap_init 'AA:BB:CC:DD:EE:01' '07:6C:07:20:00:02' "
+                   "'06:6C:07:20:00:03' "
+                   "'03:6C:07:20:00:02' '02:6C:07:20:00:03' 'S3ZNZXNoX2FiMTJjZDM0' 'azN5' 1",
+                   "/usr/sbin/mesh_setup.sh cap_clean 'wl9' 'AA:BB:CC:DD:EE:01'"}),
               fake_sys_system_cmds());
     // Exit 0 and death by a signal count as done, exit 1 or 3 as 1, no shell as -1.
     const int st[][2] = {{0, 0}, {1 << 8, 1}, {3 << 8, 1}, {9, 0}, {-1, -1}};
