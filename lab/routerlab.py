@@ -297,7 +297,7 @@ class Router:
                 os.symlink("/lab/withproc" if a in PROC_TOOLS else "busybox", self.path("/bin/" + a))
         for f, dest in (("standin", "/lab/standin"), ("withproc", "/lab/withproc"),
                         ("uci", "/lab/ans/uci"), ("uci.awk", "/lab/uci.awk"),
-                        ("default.script", "/usr/share/udhcpc/default.script")):
+                        ("dhcp.script", "/lab/dhcp.script")):
             shutil.copy2(os.path.join(ROOTFS, f), self.path(dest))
         if self.k:   # the package's own DHCP hook, as the package installs it
             shutil.copy2(UDHCPC_HOOK, self.path("/etc/udhcpc.user.d/plaitd"))
@@ -486,16 +486,17 @@ class Lab:
             r.write("/tmp/cab_plaitd_gw_ip", f"{gw}\n{ip or r.ip}\n")
 
     def dhcp_uplink(self, timeout=15):
-        """udhcpd on the CAP's br-lan, busybox udhcpc on each RE's eth4 with the router's
-        default.script and the package's hook; returns once every hook wrote its gateway file."""
+        """udhcpd on the CAP's br-lan, busybox udhcpc on each RE's eth4 run as netifd runs it for
+        the network "wan" (rootfs/dhcp.script, which runs the package's hook); returns once every
+        hook wrote its gateway file."""
         self.cap.write("/etc/udhcpd.conf", "\n".join([
             "interface br-lan", "start 192.168.77.100", "end 192.168.77.150",
             "lease_file /tmp/udhcpd.leases", "pidfile /var/run/udhcpd.pid",
             "option subnet 255.255.255.0", f"option router {FACTORY_IP}", "option lease 3600", ""]))
         self.cap.write("/tmp/udhcpd.leases", "")
         srv = self.cap.spawn(["udhcpd", "-f", "-a", "200", "/etc/udhcpd.conf"])   # ARP ping of an offer: 0.2 s
-        clts = [r.spawn(["udhcpc", "-f", "-i", "eth4", "-s", "/usr/share/udhcpc/default.script",
-                         "-t", "30", "-T", "1", "-A", "1"]) for r in self.res]
+        clts = [r.spawn(["env", "INTERFACE=wan", "udhcpc", "-f", "-i", "eth4", "-s", "/lab/dhcp.script",
+                         "-t", "30", "-T", "1", "-A", "1"], "udhcpc") for r in self.res]
         leased = lambda r: len((r.read("/tmp/cab_plaitd_gw_ip") or "").splitlines()) >= 2   # noqa: E731
         if not wait_until(lambda: all(map(leased, self.res)), timeout):
             raise AssertionError("no DHCP lease: " + "".join(c.err()[-500:] for c in clts) + srv.err()[-800:])
