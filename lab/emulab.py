@@ -199,7 +199,7 @@ def pair(kit, binary, report, say=print, limit=90, timeout=240, cpu="24Kc"):
                 or boards[0].p.poll() is not None:
             raise RuntimeError("the CAP's board did not start: " + boards[0].tail())
         boards.append(Board(re_, kit, f"socket,connect=127.0.0.1:{port}", cpu))
-        say(f"booting two Malta boards (MIPS 24Kc), cable: qemu socket netdev on 127.0.0.1:{port}")
+        say(f"booting two Malta boards (MIPS {cpu}), cable: qemu socket netdev on 127.0.0.1:{port}")
         if not rl.wait_until(lambda: all([b.poll() for b in boards]), timeout, step=0.1):
             late = [b for b in boards if b.wall_done is None]
             raise RuntimeError(f"{late[0].router.name}: no report within {timeout} s; console:\n"
