@@ -13,9 +13,11 @@ import contextlib
 import gzip
 import os
 import shutil
+import signal
 import socket
 import stat
 import subprocess
+import sys
 import tempfile
 import time
 import types
@@ -114,7 +116,7 @@ class Board:
                 "-netdev", netdev + ",id=cable",
                 "-device", f"pcnet,netdev=cable,mac={router.mac.lower()},romfile=",
                 "-serial", "file:" + self.console, "-serial", "file:" + self.data]
-        self.t0, self.wall_init, self.wall_done = time.monotonic(), None, None
+        self.t0, self.wall_init, self.wall_done, self.said = time.monotonic(), None, None, 0
         with open(os.path.join(router.dir, "qemu.err"), "w") as err:
             self.p = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=err, stderr=err)
 
@@ -123,12 +125,17 @@ class Board:
             return rl._text(path).replace("\r", "")
         return ""
 
-    def poll(self):
-        """True once the guest has reported (or its board is gone); notes the wall times of
-        init's start (wall_init) and of the report (wall_done), seconds since qemu started."""
+    def poll(self, say):
+        """True once the guest has reported (or its board is gone). Narrates the guest's new
+        timeline lines ("@ <uptime> <text>" on its console) and notes the wall times of init's
+        start (wall_init) and of the report (wall_done), seconds since qemu started."""
         now = time.monotonic() - self.t0
-        if self.wall_init is None and "init at" in self.text(self.console):
-            self.wall_init = now
+        lines = [l[2:].split(" ", 1) for l in self.text(self.console).splitlines() if l.startswith("@ ")]
+        for up, text in lines[self.said:]:
+            say(f"{self.router.name.upper():3} [guest {float(up):6.2f} s] {text}")
+            if self.wall_init is None:
+                self.wall_init = now
+        self.said = len(lines)
         if self.wall_done is None and (DONE in self.text(self.data) or self.p.poll() is not None):
             self.wall_done = now
         return self.wall_done is not None
@@ -185,6 +192,7 @@ def pair(kit, binary, report, say=print, limit=90, timeout=240, cpu="24Kc"):
     removed. Figures: guest uptimes at init ("boot"), at plaitd's start and end, its exit status
     ("rc"), and the wall times since qemu started of init's start and of the report ("wall_init",
     "wall_done"); None when missing."""
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))   # run the clean-up
     work = tempfile.mkdtemp(prefix="emu-", dir=WORK_BASE)
     boards, ok = [], False
     try:
@@ -200,10 +208,14 @@ def pair(kit, binary, report, say=print, limit=90, timeout=240, cpu="24Kc"):
             raise RuntimeError("the CAP's board did not start: " + boards[0].tail())
         boards.append(Board(re_, kit, f"socket,connect=127.0.0.1:{port}", cpu))
         say(f"booting two Malta boards (MIPS {cpu}), cable: qemu socket netdev on 127.0.0.1:{port}")
-        if not rl.wait_until(lambda: all([b.poll() for b in boards]), timeout, step=0.1):
+        if not rl.wait_until(lambda: all([b.poll(say) for b in boards]), timeout, step=0.1):
             late = [b for b in boards if b.wall_done is None]
             raise RuntimeError(f"{late[0].router.name}: no report within {timeout} s; console:\n"
                                + late[0].tail())
+        for b in boards:   # the guests power off once they have reported
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                b.p.wait(5)
+            b.poll(say)
         fc, fr = (b.result() for b in boards)
         for b, f in zip(boards, (fc, fr)):
             f.update(wall_init=b.wall_init, wall_done=b.wall_done)
