@@ -134,7 +134,8 @@ def emulated():
     say("emulated routers: two qemu Malta boards, Debian's 4kc-malta kernel, "
         "each booting a lab router's root as its initramfs")
     try:
-        return emulab.pair(os.environ["EMU_KIT"], rl.PLAITD_BIN, emulated_report, say)
+        return emulab.pair(os.environ["EMU_KIT"], rl.PLAITD_BIN, emulated_report, say,
+                           cpu=os.environ.get("EMU_CPU", "24Kc"))
     except RuntimeError as e:
         print(f"\nNOT PAIRED: {e}")
         return 1
