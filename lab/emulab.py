@@ -226,3 +226,5 @@ def pair(kit, binary, report, say=print, limit=90, timeout=240, cpu="24Kc"):
             b.stop()
         if ok or not os.environ.get("LAB_KEEP"):
             shutil.rmtree(work, ignore_errors=True)
+        else:
+            say(f"kept {work} (roots, console.log, data.log and qemu.err of each board)")
