@@ -219,8 +219,9 @@ def pair(kit, binary, report, say=print, limit=90, timeout=240, cpu="24Kc"):
         fc, fr = (b.result() for b in boards)
         for b, f in zip(boards, (fc, fr)):
             f.update(wall_init=b.wall_init, wall_done=b.wall_done)
-        ok = True
-        return report(lab, GuestProc(cap), GuestProc(re_), fr, fc)
+        rc = report(lab, GuestProc(cap), GuestProc(re_), fr, fc)
+        ok = rc == 0
+        return rc
     finally:
         for b in boards:
             b.stop()
