@@ -42,6 +42,11 @@ LINKS = (("lib", "usr/lib"), ("lib64", "usr/lib64"), ("var/run", "../run"), ("pr
          ("proc/net", "self/net"), ("proc/mounts", "self/mounts"), ("dev/fd", "/proc/self/fd"),
          ("dev/stdin", "fd/0"), ("dev/stdout", "fd/1"), ("dev/stderr", "fd/2"))
 
+UDHCPD_CONF = "\n".join([   # the CAP's DHCP server on br-lan (Lab.dhcp_uplink)
+    "interface br-lan", "start 192.168.77.100", "end 192.168.77.150", "lease_file /tmp/udhcpd.leases",
+    "pidfile /var/run/udhcpd.pid", "option subnet 255.255.255.0", f"option router {FACTORY_IP}",
+    "option lease 3600", ""])
+
 # Init of the router's PID + mount namespace, run inside its netns.
 HOLDER_SETUP = r"""
 set -e
@@ -282,7 +287,9 @@ class Router:
                  for a, (o, rc) in table]
         self.write(f"/lab/ans/{tool}", "\n".join(['case "$*" in'] + cases + ["esac"]) + "\n")
 
-    def build(self):
+    def build(self, busybox=BUSYBOX, applets=None):
+        """Writes the router's root. busybox and its applet names: another build of it (an
+        emulated router's, whose --list cannot run here) instead of the host's."""
         for d in DIRS:
             os.makedirs(self.path(d), exist_ok=True)
         for link, target in LINKS:
@@ -291,8 +298,8 @@ class Router:
             os.symlink(f"/.kproc/{pid}", self.path(f"/proc/{pid}"))
         for d in DEVS:
             open(self.path("/dev/" + d), "w").close()
-        shutil.copy2(BUSYBOX, self.path("/bin/busybox"))
-        for a in _run([BUSYBOX, "--list"]).stdout.split():
+        shutil.copy2(busybox, self.path("/bin/busybox"))
+        for a in applets or _run([BUSYBOX, "--list"]).stdout.split():
             if a != "busybox":
                 os.symlink("/lab/withproc" if a in PROC_TOOLS else "busybox", self.path("/bin/" + a))
         for f, dest in (("standin", "/lab/standin"), ("withproc", "/lab/withproc"),
@@ -489,10 +496,7 @@ class Lab:
         """udhcpd on the CAP's br-lan, busybox udhcpc on each RE's eth4 run as netifd runs it for
         the network "wan" (rootfs/dhcp.script, which runs the package's hook); returns once every
         hook wrote its gateway file."""
-        self.cap.write("/etc/udhcpd.conf", "\n".join([
-            "interface br-lan", "start 192.168.77.100", "end 192.168.77.150",
-            "lease_file /tmp/udhcpd.leases", "pidfile /var/run/udhcpd.pid",
-            "option subnet 255.255.255.0", f"option router {FACTORY_IP}", "option lease 3600", ""]))
+        self.cap.write("/etc/udhcpd.conf", UDHCPD_CONF)
         self.cap.write("/tmp/udhcpd.leases", "")
         srv = self.cap.spawn(["udhcpd", "-f", "-a", "200", "/etc/udhcpd.conf"])   # ARP ping of an offer: 0.2 s
         clts = [r.spawn(["env", "INTERFACE=wan", "udhcpc", "-f", "-i", "eth4", "-s", "/lab/dhcp.script",
