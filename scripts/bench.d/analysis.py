@@ -1,4 +1,5 @@
 """Figures of scripts/bench: trace analysis of one pairing and /proc samples."""
+import collections
 import contextlib
 import os
 import statistics
@@ -41,12 +42,8 @@ def pairing_figures(t0, t_re, t_cap, ev_re, ev_cap):
     res = {"t_re": t_re - t0, "t_cap": t_cap - t0,
            "floor_re": union(waits, t0, t_re), "floor_cap": union(waits, t0, t_cap)}
     # Counts of each kind of fixed wait inside the window up to cap_init.
-    counts = {}
-    for e in ev:
-        if e["kind"] in ("usleep", "sleep", "nap") and t0 <= e["t0"] < t_cap:
-            key = f"{e['kind']}({e['arg']:g} s)"
-            counts[key] = counts.get(key, 0) + 1
-    res["counts"] = counts
+    res["counts"] = dict(collections.Counter(f"{e['kind']}({e['arg']:g} s)" for e in ev
+                                             if e["kind"] in ("usleep", "sleep", "nap") and t0 <= e["t0"] < t_cap))
     # Time-outs that ran out inside the window on the pairing's own threads
     # (the CAP's idle loops, select every 200 ms and discovery recv every
     # 500 ms, run beside the pairing and are left out).

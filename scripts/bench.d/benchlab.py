@@ -143,14 +143,9 @@ def stamp(router, what):
 
 def trace(router):
     """The trace library's records in the router."""
-    ev = []
-    for line in (router.read(TRACE) or "").splitlines():
-        p = line.split(" ", 6)
-        if len(p) < 6:
-            continue
-        ev.append({"who": router.name.upper(), "pid": int(p[0]), "tid": int(p[1]), "kind": p[2], "t0": float(p[3]),
-                   "t1": float(p[4]), "arg": float(p[5]), "text": p[6] if len(p) > 6 else ""})
-    return ev
+    rows = [line.split(" ", 6) for line in (router.read(TRACE) or "").splitlines()]
+    return [{"who": router.name.upper(), "pid": int(p[0]), "tid": int(p[1]), "kind": p[2], "t0": float(p[3]),
+             "t1": float(p[4]), "arg": float(p[5]), "text": p[6] if len(p) > 6 else ""} for p in rows if len(p) >= 6]
 
 
 def print_table(title, head, body):
