@@ -102,11 +102,11 @@ def fresh_lab(b, uplink="static", **kw):
         lab.down()
 
 
-def repeat(b, n, once, line, **lab_kw):
-    """n runs of the scenario once(lab, i), each on a fresh lab (fresh_lab(b, **lab_kw));
+def repeat(b, runs, once, line, **lab_kw):
+    """runs runs of the scenario once(lab, i), each on a fresh lab (fresh_lab(b, **lab_kw));
     the list of their results, line(i, result) logged after each."""
     out = []
-    for i in range(n):
+    for i in range(runs):
         with fresh_lab(b, **lab_kw) as lab:
             out.append(once(lab, i))
         log(line(i, out[-1]))
