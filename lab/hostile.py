@@ -58,56 +58,83 @@ def client_hello():
     return out.read()
 
 
+def _tls(c, st, r):
+    try:
+        c["conn"] = peer.client_context().wrap_socket(c["raw"])
+        r["version"] = c["conn"].version()
+    except OSError as e:
+        r.update(ok=False, error=str(e))
+        return False    # a failed handshake ends the plan
+    return True
+
+
+def _raw(c, st, r):
+    with socket.socket(fileno=os.dup(c["conn"].fileno())) as dup:
+        dup.sendall(bytes.fromhex(st[1]))
+
+
+def _hello_part(c, st, r):
+    hello = client_hello()
+    c["raw"].sendall(hello[:int(len(hello) * st[1])])
+    r["of"] = len(hello)
+
+
+def _hold_step(c, st, r):
+    emit({"step": "holding", "path": st[1]})
+    r["released"] = _hold(st[1], st[2])
+
+
+def _closed(c, st, r):
+    r["closed"], r["after"], r["read"] = _wait_closed(c["conn"], st[1])
+    emit({"step": "closed", **r})
+
+
+def _close_notify(c, st, r):
+    try:
+        c["conn"] = c["conn"].unwrap()
+    except OSError as e:
+        r["error"] = str(e)
+
+
+# What each step of a plan does to the connection c ({"raw": socket, "conn":
+# the TLS session once there is one, else the socket}); r is the step's result.
+# A step that returns False ends the plan.
+STEPS = {
+    "send": lambda c, st, r: c["raw"].sendall(bytes.fromhex(st[1])),
+    "tls": _tls,
+    "tls_send": lambda c, st, r: c["conn"].sendall(bytes.fromhex(st[1])),
+    "raw": _raw,
+    "frame": lambda c, st, r: c["conn"].sendall(peer.frame(st[1], bytes.fromhex(st[3]), body_len=st[2])),
+    "hello_part": _hello_part,
+    "hold": _hold_step,
+    "closed": _closed,
+    "rst": lambda c, st, r: _rst(c["conn"]),
+    "close_notify": _close_notify,
+}
+
+
 def run_plan(steps, host):
     """One connection. Steps: ["send", hex] raw bytes; ["tls"] handshake;
     ["tls_send", hex] bytes inside the session; ["raw", hex] bytes under an
     established session (corrupt records); ["frame", type, body_len, body_hex];
     ["hello_part", fraction] the first part of a real ClientHello;
     ["hold", path, max_s]; ["closed", timeout] wait for the CAP to close;
-    ["rst"] close with a reset; ["close_notify"] orderly TLS close."""
+    ["rst"] close with a reset; ["close_notify"] orderly TLS close.
+    A failed handshake ends the plan."""
     res = []
-    raw = conn = socket.create_connection((host, peer.PORT), timeout=5)
+    raw = socket.create_connection((host, peer.PORT), timeout=5)
+    c = {"raw": raw, "conn": raw}
     try:
         for st in steps:
-            op, r = st[0], {"op": st[0]}
-            if op == "send":
-                raw.sendall(bytes.fromhex(st[1]))
-            elif op == "tls":
-                try:
-                    conn = peer.client_context().wrap_socket(raw)
-                    r["version"] = conn.version()
-                except OSError as e:
-                    res.append(dict(r, ok=False, error=str(e)))
-                    break
-            elif op == "tls_send":
-                conn.sendall(bytes.fromhex(st[1]))
-            elif op == "raw":
-                with socket.socket(fileno=os.dup(conn.fileno())) as dup:
-                    dup.sendall(bytes.fromhex(st[1]))
-            elif op == "frame":
-                conn.sendall(peer.frame(st[1], bytes.fromhex(st[3]), body_len=st[2]))
-            elif op == "hello_part":
-                hello = client_hello()
-                raw.sendall(hello[:int(len(hello) * st[1])])
-                r["of"] = len(hello)
-            elif op == "hold":
-                emit({"step": "holding", "path": st[1]})
-                r["released"] = _hold(st[1], st[2])
-            elif op == "closed":
-                r["closed"], r["after"], r["read"] = _wait_closed(conn, st[1])
-                emit({"step": "closed", **r})
-            elif op == "rst":
-                _rst(conn)
-            elif op == "close_notify":
-                try:
-                    conn = conn.unwrap()
-                except OSError as e:
-                    r["error"] = str(e)
+            r = {"op": st[0]}
+            go_on = STEPS.get(st[0], lambda *_: None)(c, st, r) is not False
             res.append(r)
+            if not go_on:
+                break
     except OSError as e:
         res.append({"op": "fault", "error": str(e)})
     finally:
-        for s in (conn, raw):
+        for s in (c["conn"], raw):
             with contextlib.suppress(OSError):
                 s.close()
     return res

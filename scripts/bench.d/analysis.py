@@ -1,21 +1,22 @@
 """Figures of scripts/bench: trace analysis of one pairing and /proc samples."""
+import collections
+import contextlib
 import os
+import statistics
 import time
+
+
+def med(xs):
+    return statistics.median(xs) if xs else float("nan")
 
 
 def union(intervals, lo, hi):
     """Length of the union of [a, b) intervals clipped to [lo, hi)."""
-    iv = sorted((max(a, lo), min(b, hi)) for a, b in intervals if b > lo and a < hi)
-    tot, cur_a, cur_b = 0.0, None, None
-    for a, b in iv:
-        if cur_b is None or a > cur_b:
-            if cur_b is not None:
-                tot += cur_b - cur_a
-            cur_a, cur_b = a, b
-        else:
-            cur_b = max(cur_b, b)
-    if cur_b is not None:
-        tot += cur_b - cur_a
+    tot, reach = 0.0, lo
+    for a, b in sorted((max(a, lo), min(b, hi)) for a, b in intervals if b > lo and a < hi):
+        if b > reach:
+            tot += b - max(a, reach)
+            reach = b
     return tot
 
 
@@ -41,12 +42,8 @@ def pairing_figures(t0, t_re, t_cap, ev_re, ev_cap):
     res = {"t_re": t_re - t0, "t_cap": t_cap - t0,
            "floor_re": union(waits, t0, t_re), "floor_cap": union(waits, t0, t_cap)}
     # Counts of each kind of fixed wait inside the window up to cap_init.
-    counts = {}
-    for e in ev:
-        if e["kind"] in ("usleep", "sleep", "nap") and t0 <= e["t0"] < t_cap:
-            key = f"{e['kind']}({e['arg']:g} s)"
-            counts[key] = counts.get(key, 0) + 1
-    res["counts"] = counts
+    res["counts"] = dict(collections.Counter(f"{e['kind']}({e['arg']:g} s)" for e in ev
+                                             if e["kind"] in ("usleep", "sleep", "nap") and t0 <= e["t0"] < t_cap))
     # Time-outs that ran out inside the window on the pairing's own threads
     # (the CAP's idle loops, select every 200 ms and discovery recv every
     # 500 ms, run beside the pairing and are left out).
@@ -60,12 +57,13 @@ def pairing_figures(t0, t_re, t_cap, ev_re, ev_cap):
     start_ev = next(e for e in ev_re if e["kind"] == "start")
     res["load"] = start_ev["t0"] - t0
     cmds = [e for e in ev if e["kind"] in ("popen", "system", "spawn") and e["t1"] > t0 and e["t0"] < t_cap]
-    res["cmd_time"] = union([(e["t0"], e["t1"]) for e in cmds], t0, t_cap)
+    spans = [(e["t0"], e["t1"]) for e in cmds]
+    res["cmd_time"] = union(spans, t0, t_cap)
     # The daemons' own share up to re_init: what is left after the fixed
     # waits and the platform commands (their union, so nothing counts twice).
-    res["cmd_re"] = union([(e["t0"], e["t1"]) for e in cmds], t0, t_re)
-    res["own_re"] = res["t_re"] - union([(e["t0"], e["t1"]) for e in cmds] + waits, t0, t_re)
-    res["busy"] = union([(e["t0"], e["t1"]) for e in cmds] + waits + [(t0, start_ev["t0"])], t0, t_cap)
+    res["cmd_re"] = union(spans, t0, t_re)
+    res["own_re"] = res["t_re"] - union(spans + waits, t0, t_re)
+    res["busy"] = union(spans + waits + [(t0, start_ev["t0"])], t0, t_cap)
     per = {}
     for e in cmds:
         k = e["who"] + " " + cmd_name(e["text"])
@@ -82,16 +80,12 @@ def pairing_figures(t0, t_re, t_cap, ev_re, ev_cap):
     return res
 
 
-
 def read_kv(path):
     d = {}
-    try:
-        with open(path) as f:
-            for line in f:
-                k, _, v = line.partition(":")
-                d[k.strip()] = v.strip()
-    except OSError:
-        pass
+    with contextlib.suppress(OSError), open(path) as f:
+        for line in f:
+            k, _, v = line.partition(":")
+            d[k.strip()] = v.strip()
     return d
 
 
@@ -123,16 +117,26 @@ def cpu_sample(pid):
     with open(f"/proc/{pid}/stat") as f:
         fields = f.read().rsplit(")", 1)[1].split()
     ticks = int(fields[11]) + int(fields[12])      # utime + stime
+    cticks = int(fields[13]) + int(fields[14])     # cutime + cstime: reaped children
     ctx, ns = 0, 0
     for tid in os.listdir(f"/proc/{pid}/task"):
         st = read_kv(f"/proc/{pid}/task/{tid}/status")
         ctx += int(st.get("voluntary_ctxt_switches", 0)) + int(st.get("nonvoluntary_ctxt_switches", 0))
-        try:
-            with open(f"/proc/{pid}/task/{tid}/schedstat") as f:
-                ns += int(f.read().split()[0])
-        except OSError:
-            pass
-    return {"t": time.monotonic(), "ticks": ticks, "ctx": ctx, "ns": ns}
+        with contextlib.suppress(OSError), open(f"/proc/{pid}/task/{tid}/schedstat") as f:
+            ns += int(f.read().split()[0])
+    return {"t": time.monotonic(), "ticks": ticks, "cticks": cticks, "ctx": ctx, "ns": ns}
+
+
+def cpu_cost(a, b):
+    """CPU use and wake-ups between two cpu_sample()s of one process."""
+    el = b["t"] - a["t"]
+    hz = os.sysconf("SC_CLK_TCK")
+    r = {"seconds": el, "cpu_ticks_s": (b["ticks"] - a["ticks"]) / hz,
+         "cmd_ticks_s": (b["cticks"] - a["cticks"]) / hz, "cpu_sched_s": (b["ns"] - a["ns"]) / 1e9,
+         "wakeups_per_s": (b["ctx"] - a["ctx"]) / el}
+    r["pct"] = 100.0 * r["cpu_sched_s"] / el
+    r["pct_ticks"] = 100.0 * r["cpu_ticks_s"] / el
+    return r
 
 
 def nfds(pid):

@@ -2,42 +2,36 @@
 n-router lab, lab/README.md). Per n: the time from that instant until the last
 RE ran re_init, the time each RE waited, the CAP's peak RSS and CPU; a table,
 a plot (gnuplot) and the section SECTION of docs/performance.md."""
+import json
 import os
-import statistics
 import subprocess
 import time
 
-from analysis import mem
+import benchlab as bl
+from analysis import cpu_cost, cpu_sample, med, mem
 
 SECTION = "## Pairing at scale"
 PLOT = "scale.png"                   # under docs/
-GO = "/tmp/bench-go"                 # the start gate, a FIFO in each RE
 # Retry rhythm of the RE: a refused attempt waits 3 s, an unanswered probe
 # 1 s (receive time-out) + 4 s; the CAP serves one peer at a time and its
 # discovery responder stays silent while a pairing holds the mesh lock.
 RETRY_S, PROBE_S, PROBE_RECV_S = 3.0, 4.0, 1.0
 REFUSED = "WARN: Cap overload threshold"
-MODEL = ("What the rhythm alone implies for n REs let loose together: all of them probe before the "
-         "first pairing takes the CAP's mesh lock, so all find the CAP at once; one is served, the others "
-         "are refused (threshold 1), sleep 3 s and attempt again without probing again. The CAP drops "
-         "its lock when a session ends, and a session (under a second here) is shorter than the 3 s "
-         "sleep, so each wave of returning REs finds the CAP free and one of them is served: the k-th RE "
-         "pairs at t(1) + (k - 1) x 3 s, a marginal cost of 3 s per RE (ceil(session / 3 s) x 3 s in "
-         "general), plus the attempt's own commands. A probe that falls on a live lock would add 1 s + "
-         "4 s; the lock's 240 s life would enter only if a lock outlived its pairing.")
-NOTES = ("Found on the way: in the first runs the third of three REs waited 67 to 78 s instead of about "
-         "7 s, and the CAP never saw its first two attempts. The lab's routers answered ARP for any of "
-         "their addresses on any port (Linux's default, arp_ignore=0), so the REs still holding the "
-         "factory address 192.168.77.1 on br-lan answered its ARP request for the CAP: its first SYN "
-         "went to a sibling RE, which refused it, and once that sibling had moved its br-lan address "
-         "away the next SYN was dropped and connect() hung until the RE's 60 s watchdog. OpenWrt "
-         "sets net.ipv4.conf.all.arp_ignore=1 (/etc/sysctl.d/10-default.conf) and the lab now does the "
-         "same. On a platform that does not, one RE among several can lose up to 60 s this way: the "
-         "RE's connect has no time-out of its own besides that watchdog.")
-
-
-def med(xs):
-    return statistics.median(xs) if xs else float("nan")
+MODEL = ("What the rhythm alone implies for n REs let loose together: all of them probe before the first pairing "
+         "takes the CAP's mesh lock, so all find the CAP at once; one is served, the others are refused (threshold "
+         "1), sleep 3 s and attempt again without probing again. The CAP drops its lock when a session ends, and a "
+         "session (under a second here) is shorter than the 3 s sleep, so each wave of returning REs finds the CAP "
+         "free and one of them is served: the k-th RE pairs at t(1) + (k - 1) x 3 s, a marginal cost of 3 s per RE "
+         "(ceil(session / 3 s) x 3 s in general), plus the attempt's own commands. A probe that falls on a live lock "
+         "would add 1 s + 4 s; the lock's 240 s life would enter only if a lock outlived its pairing.")
+NOTES = ("Found on the way: in the first runs the third of three REs waited 67 to 78 s instead of about 7 s, and the "
+         "CAP never saw its first two attempts. The lab's routers answered ARP for any of their addresses on any "
+         "port (Linux's default, arp_ignore=0), so the REs still holding the factory address 192.168.77.1 on br-lan "
+         "answered its ARP request for the CAP: its first SYN went to a sibling RE, which refused it, and once that "
+         "sibling had moved its br-lan address away the next SYN was dropped and connect() hung until the RE's 60 s "
+         "watchdog. OpenWrt sets net.ipv4.conf.all.arp_ignore=1 (/etc/sysctl.d/10-default.conf) and the lab now does "
+         "the same. On a platform that does not, one RE among several can lose up to 60 s this way: the RE's connect "
+         "has no time-out of its own besides that watchdog.")
 
 
 def release(routers, timeout=10):
@@ -46,7 +40,7 @@ def release(routers, timeout=10):
     for r in routers:
         while True:
             try:
-                fd = os.open(r.path(GO), os.O_WRONLY | os.O_NONBLOCK)
+                fd = os.open(r.path(bl.GO), os.O_WRONLY | os.O_NONBLOCK)
                 break
             except OSError:   # ENXIO: that RE is not reading yet
                 if time.monotonic() > end:
@@ -56,76 +50,46 @@ def release(routers, timeout=10):
         os.close(fd)
 
 
-def cpu(pid):
-    """(own, reaped children's) CPU seconds of a process: utime+stime, cutime+cstime."""
-    with open(f"/proc/{pid}/stat") as f:
-        v = [int(x) for x in f.read().rsplit(")", 1)[1].split()[11:15]]
-    hz = os.sysconf("SC_CLK_TCK")
-    return (v[0] + v[1]) / hz, (v[2] + v[3]) / hz
+def per_re(r, p, t0, t_re):
+    """Wait, attempts and retry periods of one RE (its Proc p) from its start at t0 to re_init at t_re."""
+    waits = sorted(e["t0"] for e in bl.trace(r) if e["kind"] in ("sleep", "nap") and e["arg"] == RETRY_S)
+    return {"name": r.name, "wait": t_re - t0, "attempts": len(waits) + 1,
+            "periods": [y - x for x, y in zip(waits, waits[1:])],
+            "probes_missed": p.count("dd_clt: no CAP found"),
+            "watchdog": p.count("timer reached, interaction timeout")}
 
 
-def stamps(router, name):
-    out = []
-    for line in (router.read(name) or "").splitlines():
-        t, _, what = line.partition(" ")
-        out.append((float(t), what))
-    return out
+def one_run(lab, n):
+    """One run of n REs let loose at once on the CAP of an n-router lab."""
+    for r in lab.res:
+        os.mkfifo(r.path(bl.GO))
+    cap = bl.start_cap(lab, False, listening=True)
+    time.sleep(0.5)
+    res = [bl.start(r, bl.RE_ARGS, True, gate=True) for r in lab.res]
+    cpu0 = cpu_sample(cap.pid)
+    release(lab.res)
+    rcs = [p.wait(300) for p in res]
+    done = bl.rl.wait_until(lambda: sum(w.startswith("cap_init") for _, w in bl.stamps(lab.cap)) >= n, 5)
+    cpu, m = cpu_cost(cpu0, cpu_sample(cap.pid)), mem(cap.pid)
+    cap.stop()
+    if not done or rcs != [0] * n:
+        raise RuntimeError(f"n={n}: RE exits {rcs}, cap_init {done}\n" +
+                           "\n".join(p.log()[-1500:] for p in res) + cap.log()[-1500:])
+    t0 = [float(r.read(bl.T0_FILE)) for r in lab.res]
+    t_re = [bl.stamp(r, "re_init") for r in lab.res]
+    per = [per_re(*x) for x in zip(lab.res, res, t0, t_re)]
+    return {"n": n, "all": max(t_re) - min(t0), "spread": max(t0) - min(t0),
+            "waits": sorted(x["wait"] for x in per), "res": per, "refused": cap.count(REFUSED),
+            "cap_hwm": m["hwm"], "cap_cpu": cpu["cpu_ticks_s"], "cap_cmd_cpu": cpu["cmd_ticks_s"]}
 
 
-def one_run(b, n):
-    """One run of n REs in a fresh lab. b: what scripts/bench lends (rl,
-    install, start, trace, binary, aux, names)."""
-    lab = b.rl.Lab(n=n)
-    lab.up()
-    try:
-        lab.dhcp_uplink()
-        for r in lab.routers:
-            b.install(r, b.binary, b.aux)
-        for r in lab.res:
-            os.mkfifo(r.path(GO))
-        cap = b.start(lab.cap, b.CAP_ARGS, False)
-        cap.wait_log(b.READY, 10)
-        cap.wait_log(b.rl.LISTENING, 10)
-        time.sleep(0.5)
-        res = [b.start(r, b.RE_ARGS, True, gate=True) for r in lab.res]
-        cpu0 = cpu(cap.pid)
-        release(lab.res)
-        rcs = [p.wait(300) for p in res]
-        cap_inits = lambda: sum(w.startswith("cap_init") for _, w in stamps(lab.cap, b.STAMPS))   # noqa: E731
-        done = b.rl.wait_until(lambda: cap_inits() >= n, 5)
-        cpu1, m = cpu(cap.pid), mem(cap.pid)
-        cap.stop()
-        if not done or rcs != [0] * n:
-            raise RuntimeError(f"n={n}: RE exits {rcs}, cap_init {done}\n" +
-                               "\n".join(p.log()[-1500:] for p in res) + cap.log()[-1500:])
-        t0 = [float(r.read(b.T0_FILE)) for r in lab.res]
-        t_re = [next(t for t, w in stamps(r, b.STAMPS) if w.startswith("re_init")) for r in lab.res]
-        per = []
-        for r, p, a, z in zip(lab.res, res, t0, t_re):
-            ev = b.trace(r)
-            waits = sorted(e["t0"] for e in ev if e["kind"] in ("sleep", "nap") and e["arg"] == RETRY_S)
-            per.append({"name": r.name, "wait": z - a, "attempts": len(waits) + 1,
-                        "periods": [y - x for x, y in zip(waits, waits[1:])],
-                        "probes_missed": p.count("dd_clt: no CAP found"),
-                        "watchdog": p.count("timer reached, interaction timeout")})
-        return {"n": n, "all": max(t_re) - min(t0), "spread": max(t0) - min(t0),
-                "waits": sorted(x["wait"] for x in per), "res": per, "refused": cap.count(REFUSED),
-                "cap_hwm": m["hwm"], "cap_cpu": cpu1[0] - cpu0[0], "cap_cmd_cpu": cpu1[1] - cpu0[1]}
-    finally:
-        lab.down()
-
-
-def measure(b, ns, runs, log):
-    out = {}
-    for n in ns:
-        out[n] = []
-        for i in range(runs):
-            r = one_run(b, n)
-            log(f"scale n={n} run {i + 1}/{runs}: all paired after {r['all']:.2f} s; waits "
-                + " ".join(f"{w:.2f}" for w in r["waits"]) + f"; refused {r['refused']}; "
-                f"CAP VmHWM {r['cap_hwm']} kB, CPU {r['cap_cpu']:.2f} s + commands {r['cap_cmd_cpu']:.2f} s")
-            out[n].append(r)
-    return out
+def measure(b, ns, runs):
+    """{n: the results of runs runs} for each n in ns."""
+    def line(i, r):
+        return (f"scale n={r['n']} run {i + 1}/{runs}: all paired after {r['all']:.2f} s; waits "
+                + " ".join(f"{w:.2f}" for w in r["waits"]) + f"; refused {r['refused']}; CAP VmHWM "
+                f"{r['cap_hwm']} kB, CPU {r['cap_cpu']:.2f} s + commands {r['cap_cmd_cpu']:.2f} s")
+    return {n: bl.repeat(b, runs, lambda lab, i: one_run(lab, n), line, uplink="dhcp", n=n) for n in ns}
 
 
 def figures(out):
@@ -170,78 +134,38 @@ def plot(rows, path):
     with open(data, "w") as f:
         for r in rows:
             f.write(f"{r['n']} {r['all']:.3f} {r['lo']:.3f} {r['hi']:.3f} {r['implied']:.3f}\n")
-    script = (f"set terminal pngcairo size 640,400 font ',10'; set output '{path}';"
-              "set xlabel 'REs started at once'; set ylabel 'start -> last re\\_init (s)';"
-              "set key top left; set grid; set xrange [0:*]; set yrange [0:*];"
-              f"plot '{data}' using 1:2:3:4 with yerrorlines lw 2 title 'measured (median, min-max)',"
-              f" '{data}' using 1:5 with linespoints dt 2 title 'implied: first + 3 s per added RE'")
+    script = (f"set terminal pngcairo size 640,400 font ',10'; set output '{path}';set xlabel 'REs started at once'; "
+              f"set ylabel 'start -> last re\\_init (s)';set key top left; set grid; set xrange [0:*]; set yrange "
+              f"[0:*];plot '{data}' using 1:2:3:4 with yerrorlines lw 2 title 'measured (median, min-max)', '{data}' "
+              f"using 1:5 with linespoints dt 2 title 'implied: first + 3 s per added RE'")
     subprocess.run(["gnuplot", "-e", script], check=True, capture_output=True, timeout=60)
     os.remove(data)
 
 
 def section(ctx, rows, period, head, body):
-    a = []
-    a.append(SECTION)
-    a.append("")
-    a.append(f"Written by `{ctx['command']}` ({ctx['runs']} runs per n), {ctx['date']}, "
-             f"{ctx['duration']:.0f} s; {ctx['btype']} build; {ctx['machine']['nproc']} CPUs "
-             f"{ctx['machine']['cpu']}, load {ctx['load_start']} -> {ctx['load_end']}.")
-    a.append("")
-    a.append("The n-router lab: the CAP (`plaitd -S -o -i br-lan`) and n REs (`plaitd -C -o -i eth4`) "
-             "on one switch, each RE with its own DHCP lease from the CAP's udhcpd, its own MACs, "
-             "serial and uci, and its factory address on br-lan (so each runs the address-clash path). "
-             "Every RE waits at a gate (a FIFO) until all are up, then all are let go within "
-             f"{max(r['spread'] for r in rows) * 1000:.0f} ms (largest spread of the RE start stamps). "
-             "t = 0 is the first RE's start stamp; an RE's wait runs from its own start stamp to its "
-             "`re_init`. Figures are medians of the runs; waits are listed in pairing order.")
-    a.append("")
-    a.append("| " + " | ".join(head) + " |")
-    a.append("|" + "---|" * len(head))
-    for row in body:
-        a.append("| " + " | ".join(row) + " |")
-    a.append("")
-    a.append(f"![time until the last RE is paired against n]({PLOT})")
-    a.append("")
-    a.append("Columns: *marginal* is (all paired at n - at 1) / (n - 1); *implied (3 s)* is what the "
-             "retry sleep alone gives, the single-RE time plus 3 s per added RE; *implied "
-             f"({period:.2f} s)* uses the measured period between two attempts of one RE (3 s "
-             "sleep plus the attempt's own commands). *refused*: connections the CAP turned away "
-             "(overload threshold 1); *probes unanswered*: probes that found no CAP (the "
-             "responder is silent while a pairing holds the mesh lock), all runs; *watchdogs*: "
-             "60 s interaction time-outs on the REs, all runs; CAP VmHWM is the largest over the "
-             "runs; CAP CPU is its utime+stime from the release to the last `cap_init`, plus that of "
-             "the platform commands it ran (cutime+cstime; clock ticks of 10 ms).")
-    a.append("")
-    a.append(MODEL)
-    a.append("")
-    a.extend(ctx["explain"])
-    a.append("")
-    a.append(NOTES)
-    a.append("")
-    return "\n".join(a)
-
-
-def splice(doc, sec, title=SECTION):
-    """doc with its section title replaced by sec (appended when it has none)."""
-    start = doc.find("\n" + title)
-    if start < 0:
-        return doc.rstrip("\n") + "\n\n" + sec
-    end = doc.find("\n## ", start + 1)
-    return doc[:start + 1] + sec + ("\n" + doc[end + 1:] if end >= 0 else "")
-
-
-def kept(path, title=SECTION):
-    """The section title of the file at path, for a rewrite of the rest of it."""
-    try:
-        with open(path) as f:
-            doc = f.read()
-    except OSError:
-        return ""
-    start = doc.find("\n" + title)
-    if start < 0:
-        return ""
-    end = doc.find("\n## ", start + 1)
-    return doc[start + 1:end + 1 if end >= 0 else None]
+    """The section SECTION of docs/performance.md."""
+    intro = [
+        SECTION, "",
+        f"Written by `{ctx['command']}` ({ctx['runs']} runs per n), {ctx['date']}, "
+        f"{ctx['duration']:.0f} s; {ctx['btype']} build; {ctx['machine']['nproc']} CPUs "
+        f"{ctx['machine']['cpu']}, load {ctx['load_start']} -> {ctx['load_end']}.", "",
+        f"The n-router lab: the CAP (`plaitd -S -o -i br-lan`) and n REs (`plaitd -C -o -i eth4`) on one switch, "
+        f"each RE with its own DHCP lease from the CAP's udhcpd, its own MACs, serial and uci, and its factory "
+        f"address on br-lan (so each runs the address-clash path). Every RE waits at a gate (a FIFO) until all are "
+        f"up, then all are let go within {max(r['spread'] for r in rows) * 1000:.0f} ms (largest spread of the RE "
+        f"start stamps). t = 0 is the first RE's start stamp; an RE's wait runs from its own start stamp to its "
+        f"`re_init`. Figures are medians of the runs; waits are listed in pairing order.", ""]
+    columns = (
+        f"Columns: *marginal* is (all paired at n - at 1) / (n - 1); *implied (3 s)* is what the retry sleep alone "
+        f"gives, the single-RE time plus 3 s per added RE; *implied ({period:.2f} s)* uses the measured period "
+        f"between two attempts of one RE (3 s sleep plus the attempt's own commands). *refused*: connections the CAP "
+        f"turned away (overload threshold 1); *probes unanswered*: probes that found no CAP (the responder is silent "
+        f"while a pairing holds the mesh lock), all runs; *watchdogs*: 60 s interaction time-outs on the REs, all "
+        f"runs; CAP VmHWM is the largest over the runs; CAP CPU is its utime+stime from the release to the last "
+        f"`cap_init`, plus that of the platform commands it ran (cutime+cstime; clock ticks of 10 ms).")
+    image = f"![time until the last RE is paired against n]({PLOT})"
+    return "\n".join(intro + bl.md_table(head, body) + ["", image, "", columns, "", MODEL, ""] + ctx["explain"]
+                     + ["", NOTES, ""])
 
 
 def explain(rows, period):
@@ -249,23 +173,20 @@ def explain(rows, period):
     first, last = rows[0], rows[-1]
     m = last["marginal"] or 0.0
     missed, dogs = sum(r["missed"] for r in rows), sum(r["watchdog"] for r in rows)
-    t = (f"Time to the last pairing grows linearly: each added RE costs {m:.2f} s at n = {last['n']}, "
-         f"against {period:.2f} s for one retry period of an RE (the 3 s sleep after a refused attempt "
-         f"plus the attempt's own commands, {period - RETRY_S:.2f} s) and 3 s for the sleep alone. The CAP "
-         f"serves one RE at a time (overload threshold 1) and a pairing keeps it busy for less than "
-         f"{first['all']:.1f} s, shorter than the sleep: the REs it turned away come back almost together, "
-         f"one of them is served and the others are turned away again, so each retry period pairs one "
-         f"RE and the k-th RE waits about {first['all']:.1f} s + (k - 1) x {period:.2f} s (the wait "
-         f"columns). ")
+    t = (f"Time to the last pairing grows linearly: each added RE costs {m:.2f} s at n = {last['n']}, against "
+         f"{period:.2f} s for one retry period of an RE (the 3 s sleep after a refused attempt plus the attempt's "
+         f"own commands, {period - RETRY_S:.2f} s) and 3 s for the sleep alone. The CAP serves one RE at a time "
+         f"(overload threshold 1) and a pairing keeps it busy for less than {first['all']:.1f} s, shorter than the "
+         f"sleep: the REs it turned away come back almost together, one of them is served and the others are turned "
+         f"away again, so each retry period pairs one RE and the k-th RE waits about {first['all']:.1f} s + (k - 1) "
+         f"x {period:.2f} s (the wait columns). ")
     if missed:
         t += (f"{missed} probes went unanswered (they fell while a pairing held the CAP's mesh lock) and "
               f"cost their RE the probe rhythm, {PROBE_RECV_S:g} s + {PROBE_S:g} s each. ")
     else:
-        t += ("Every RE found the CAP with its first probe (all probe before the first pairing takes "
-              "the mesh lock, and a refused RE attempts again without probing), so the 4 s probe "
-              "rhythm never enters. ")
-    t += ("The mesh lock's 240 s life does not enter either: the CAP drops the lock when a session "
-          "ends. ")
+        t += ("Every RE found the CAP with its first probe (all probe before the first pairing takes the mesh lock, "
+              "and a refused RE attempts again without probing), so the 4 s probe rhythm never enters. ")
+    t += ("The mesh lock's 240 s life does not enter either: the CAP drops the lock when a session ends. ")
     if dogs:
         t += f"{dogs} attempts ran into the 60 s watchdog: a wait far beyond the rhythm, see the notes. "
     elif m > 1.25 * period:
@@ -274,3 +195,24 @@ def explain(rows, period):
           f"{last['hwm']} kB at n = {last['n']}; a refusal is an accept and a close), and its CPU goes "
           "mostly to the platform commands of each pairing.")
     return [t]
+
+
+def at_scale(args):
+    """scripts/bench --scale: the table, and unless --no-doc, the plot and this section of the doc."""
+    t_start = time.monotonic()
+    ctx = bl.context(runs=args.runs)
+    b = bl.build(args)
+    ctx["btype"] = b.btype
+    out = measure(b, [int(n) for n in args.ns.split(",")], args.runs)
+    ctx.update(duration=time.monotonic() - t_start, load_end=bl.loadavg())
+    rows, period = figures(out)
+    head, body = table(rows, period)
+    bl.print_table("pairing at scale: n REs let loose at once on one CAP, medians of %d runs" % args.runs,
+                   head, body)
+    if not args.no_doc:
+        plot(rows, os.path.join(bl.TOP, "docs", PLOT))
+        ctx["explain"] = explain(rows, period)
+        bl.write_section(SECTION, section(ctx, rows, period, head, body))
+        bl.log("wrote docs/performance.md and docs/" + PLOT)
+    with open(os.path.join(b.aux, "scale.json"), "w") as f:
+        json.dump(out, f)
