@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "util/sig.h"
+
 extern char **environ;
 
 namespace
@@ -51,12 +53,16 @@ pid_t sys_spawn(const char *cmd, int out_fd, int close_fd)
     return pid;
 }
 
+// A stop noted while the main thread waits for a command is acted on at once
+// (the command is left to run on): a hanging script must not hold it.
 int sys_wait(pid_t pid)
 {
     int status = -1;
+    sig_stop_point();
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR)
             return -1;
+        sig_stop_point();
     }
     return status;
 }
