@@ -189,7 +189,7 @@ void cleanup_mesh_cable(void)
     ssl_uninit();
 }
 
-static void install_signals(void)
+void install_signals(void)
 {
     sig_install(sig_handler, flow_signals);
 }

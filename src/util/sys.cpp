@@ -54,7 +54,7 @@ pid_t sys_spawn(const char *cmd, int out_fd, int close_fd)
 }
 
 // A stop noted while the main thread waits for a command is acted on at once
-// (the command is left to run on): a hanging script must not hold it.
+// (the command is left to run on): a hanging script must not hold it back.
 int sys_wait(pid_t pid)
 {
     int status = -1;
@@ -64,6 +64,7 @@ int sys_wait(pid_t pid)
             return -1;
         sig_stop_point();
     }
+    sig_stop_point();
     return status;
 }
 
