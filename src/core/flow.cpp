@@ -185,7 +185,9 @@ void cleanup_mesh_cable(void)
     if (main_ent)
         free_entity(main_ent);
     switch_conning_light(0);
+    pthread_mutex_lock(&lock);   // as the peer threads and the responder use it
     tolvaRemoveMeshLock();
+    pthread_mutex_unlock(&lock);
     ssl_uninit();
 }
 

@@ -26,26 +26,13 @@ void reset(int is_server)
     fake_sys_install();
 }
 
-std::function<void(const std::string &)> term_on(const std::string &cmd)
-{
-    return [cmd](const std::string &c) {
-        if (c == cmd)
-            raise(SIGTERM);
-    };
-}
-
 // From here fcntl(F_SETFD) fails: a socket is close-on-exec only if it was made so. False
-// where filters are not available (under an emulator).
+// where filters are not available; under an emulator (fcntl64) nothing is denied.
 bool deny_set_fd_flags(void)
 {
-#ifdef SYS_fcntl64
-    const uint32_t nr = SYS_fcntl64;
-#else
-    const uint32_t nr = SYS_fcntl;
-#endif
     sock_filter f[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, nr, 0, 3),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fcntl, 0, 3),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, F_SETFD, 0, 1),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
@@ -68,31 +55,32 @@ TEST(Stops, EveryPhaseEndsAtOnce)
         const char *phase;
         int code;
         std::function<void()> run;
-    } phases[] = {
-        {"a SIGUSR1's refresh",
-         255,
-         [] {
-             fake_sys_hook(term_on("uci -q get network.wan.ifname"));
-             f_string_write(GW_IP_FILE, "10.0.0.1\n10.0.0.20\n", 20);
-             raise(SIGUSR1);
-             sig_safe_point();
-         }},
-        {"a command", 255, [] { sys_set_ops(nullptr), sys_system("kill $PPID"); }},
-        {"the probe", 255, [] { raise(SIGTERM), dd_clt_probe("lo", g_cap_ip); }},
-        {"the RE's end", 255, [] {
-             fake_sys_hook(term_on("uci -q get veltrasso.common.INITTED"));
-             fake_sys_answer("uci -q get veltrasso.common.INITTED", "YES\n");
-             re_flow();
-         }},
-        {"the CAP's end", 0, [] {
-             g_is_server = 1;
-             ent_hand_over(&ent_pool[1]);
-             atexit([] { _exit(3); });
-             cap_flow();
-         }}};
+    } phases[] = {{"a SIGUSR1's refresh", 255,
+                   [] {
+                       f_string_write(GW_IP_FILE, "10.0.0.1\n10.0.0.20\n", 20);
+                       raise(SIGUSR1);
+                       sig_safe_point();
+                   }},
+                  {"a command", 255, [] { sys_set_ops(nullptr), sys_system("kill $PPID"); }},
+                  {"the probe", 255, [] { raise(SIGTERM), dd_clt_probe("lo", g_cap_ip); }},
+                  {"the RE's end", 255,
+                   [] {
+                       fake_sys_answer("uci -q get veltrasso.common.INITTED", "YES\n");
+                       re_flow();
+                   }},
+                  {"the CAP's end", 0, [] {
+                       g_is_server = 1;
+                       ent_hand_over(&ent_pool[1]);
+                       atexit([] { _exit(3); });
+                       cap_flow();
+                   }}};
     for (const auto &p : phases) {
         SCOPED_TRACE(p.phase);
         reset(0);
+        fake_sys_hook([](const std::string &c) {   // a stop while the refresh or the end asks
+            if (c == "uci -q get network.wan.ifname" || c == "uci -q get veltrasso.common.INITTED")
+                raise(SIGTERM);
+        });
         EXPECT_EXIT(
             {
                 install_signals();
@@ -107,18 +95,19 @@ TEST(Stops, EveryPhaseEndsAtOnce)
 TEST(Stops, StopInsideTheHandlingOfAnotherSignal)
 {
     static int acts, stops;
-    sig_install([](int) {}, [] {
-        acts++;
-        if (g_sig_stop) {
-            stops++;
-            sig_stop_point();
-            g_sig_stop = 0;
-            return;
-        }
-        g_sig_usr1 = 0;
-        g_sig_stop = SIGTERM;   // noted while the SIGUSR1's command runs
-        sig_stop_point();
-    });
+    sig_install([](int) {},
+                [] {
+                    acts++;
+                    if (g_sig_stop) {
+                        stops++;
+                        sig_stop_point();
+                        g_sig_stop = 0;
+                        return;
+                    }
+                    g_sig_usr1 = 0;
+                    g_sig_stop = SIGTERM;   // noted while the SIGUSR1's command runs
+                    sig_stop_point();
+                });
     g_sig_usr1 = 1;
     sig_safe_point();
     EXPECT_EQ(acts, 2);
@@ -219,10 +208,7 @@ int sockets_left_open(void)
     int32_t raw = dd_create_rawfd("lo");
     setup_service("CAP", nullptr, "127.0.0.1", MESH_PORT);
     listen(main_ent->fd, 1);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(MESH_PORT);
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in sa = {AF_INET, htons(MESH_PORT), {htonl(INADDR_LOOPBACK)}, {}};
     int cli = socket(AF_INET, SOCK_STREAM, 0);
     connect(cli, (sockaddr *)&sa, sizeof(sa));
     handle_new_connection(main_ent);
