@@ -49,7 +49,7 @@ int32_t tolva_exec_cmd(const char *cmd, char *out, int32_t size)
             ret = -1;
             break;
         } else {
-            sig_stop_point();
+            sig_stop_point();   // a query's output is not needed by a stop
         }
     }
     sys_pclose(fp);

@@ -53,16 +53,28 @@ pid_t sys_spawn(const char *cmd, int out_fd, int close_fd)
     return pid;
 }
 
-// A stop noted while the main thread waits for a command is acted on at once
-// (the command is left to run on): a hanging script must not hold it back.
+// A stop noted while the main thread waits for a command gives the command
+// 500 ms to end (its changes and those of the clean-up must not interleave),
+// then is acted on; a command still running then (a hanging script) is left
+// to run.
+enum { STOP_NAP_US = 10000, STOP_GRACE_NAPS = 50 };
+
 int sys_wait(pid_t pid)
 {
     int status = -1;
-    sig_stop_point();
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR)
+    int naps = 0;
+    for (;;) {
+        bool grace = g_sig_stop && sig_on_main() && naps < STOP_GRACE_NAPS;
+        pid_t r = waitpid(pid, &status, grace ? WNOHANG : 0);
+        if (r == pid)
+            break;
+        if (r < 0 && errno != EINTR)
             return -1;
-        sig_stop_point();
+        if (grace) {
+            usleep(STOP_NAP_US);
+            if (++naps == STOP_GRACE_NAPS)
+                sig_stop_point();
+        }
     }
     sig_stop_point();
     return status;

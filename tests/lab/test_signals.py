@@ -67,6 +67,7 @@ def test_re_stops_cleanly_on_signals_in_every_phase(make_lab):
         lab.re.write("/lab/ans/mesh_setup.sh", "sleep 5\n" if phase == "re_init" else "sleep 0.3\n")
         lab.re.write("/lab/ans/uci", ('[ "$*" = "-q get network.wan.ifname" ] && sleep 5\n' if phase == "usr1" else "") + uci)
         re_ = lab.re.spawn(["/usr/sbin/plaitd", "-C", "-o"], "plaitd")
+        routerlab.wait_until(re_.log, 5, step=0.01)   # started: a signal before its handler kills it
         if phase == "re_init":
             routerlab.wait_until(lambda: "NOTE: execute tolvaInitRE" in re_.log(), 10, step=0.01)
         elif phase == "usr1":
