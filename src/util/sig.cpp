@@ -96,7 +96,8 @@ void sig_safe_point(void)
 
 void sig_stop_point(void)
 {
-    if (g_sig_stop)
+    // The notes are the main thread's: no other thread reads them.
+    if (sig_on_main() && g_sig_stop)
         sig_safe_point();
 }
 

@@ -64,7 +64,7 @@ int sys_wait(pid_t pid)
     int status = -1;
     int naps = 0;
     for (;;) {
-        bool grace = g_sig_stop && sig_on_main() && naps < STOP_GRACE_NAPS;
+        bool grace = sig_on_main() && g_sig_stop && naps < STOP_GRACE_NAPS;
         pid_t r = waitpid(pid, &status, grace ? WNOHANG : 0);
         if (r == pid)
             break;
