@@ -91,6 +91,11 @@ int32_t ent_share_held_locked(int32_t slot)
     return slot > 0 && slot < ENT_POOL_SIZE && slots[slot].counted;
 }
 
+int32_t ent_handed_locked(int32_t slot)
+{
+    return slot > 0 && slot < ENT_POOL_SIZE && slots[slot].handed;
+}
+
 uint32_t ent_hand_over(entity *ent)
 {
     pthread_mutex_lock(&lock);
@@ -193,6 +198,9 @@ entity *new_entity(const char *name, int32_t fd, int32_t is_main)
         fail = "[%s] gen pass failed.\n";
     if (fail) {
         LOG(3, fail, name);
+        // The socket stays the caller's, as on a refusal: it closes it once.
+        // Closed here as well, the number could already be another thread's.
+        ent->fd = -1;
         // Stamped so that the release takes it back, slot and share included.
         if (!ent->start_ts)
             ent->start_ts = 1;
@@ -214,16 +222,16 @@ static void disconnect_locked(entity *ent);
 // alone. A peer record handed to a thread is released by that thread only.
 static bool entity_may_release(const entity *ent)
 {
+    // Ownership first: the fields of a record handed to another thread are
+    // that thread's to write, and are not read here.
+    if (is_peer_record(ent)) {
+        int32_t slot = slot_of(ent);
+        if (slots[slot].handed && (own_slot != slot || own_gen != slots[slot].gen))
+            return false;
+    }
     if (!ent->ssl && ent->state == ST_NONE && ent->fd == 0 && ent->start_ts == 0)
         return false;
-    if (ent->start_ts == 0 && g_is_server)
-        return false;
-    if (!is_peer_record(ent))
-        return true;
-    int32_t slot = slot_of(ent);
-    if (!slots[slot].handed)
-        return true;
-    return own_slot == slot && own_gen == slots[slot].gen;
+    return ent->start_ts != 0 || !g_is_server;
 }
 
 void free_entity_lock(entity *ent, int32_t take_lock)

@@ -57,6 +57,9 @@ uint32_t ent_gen_locked(int32_t slot);
 int32_t ent_release_share(int32_t slot, uint32_t gen);   // 1 = released now
 int32_t ent_release_share_locked(int32_t slot, uint32_t gen);
 int32_t ent_share_held_locked(int32_t slot);
+// A peer thread owns the slot's record: its fields were filled before it was
+// handed over (so under `lock` they may be read), and it is the thread's.
+int32_t ent_handed_locked(int32_t slot);
 // The accepting thread hands a record to a new peer thread (before it is
 // created; returns the generation) or takes it back when creation failed.
 uint32_t ent_hand_over(entity *ent);

@@ -83,12 +83,11 @@ int32_t setup_service(const char *name, const char *ifname, const char *ip, uint
     if (!g_ssl_ctx || !name)
         return -1;
 
-    fd = socket(AF_INET, SOCK_STREAM, 0);
+    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         LOG(3, "sock create failed.\n");
         goto fail;
     }
-    set_fd_flag(fd, 1);
     if (set_fd_keepalive(fd) != 0) {
         LOG(3, "[%s] set sock fd keepalive failed.\n", name);
         dd_destory_sockfd(&fd);
@@ -102,9 +101,9 @@ int32_t setup_service(const char *name, const char *ifname, const char *ip, uint
         goto fail;
     }
 
+    // From here the socket is the main entity's: its release closes it.
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
         LOG(3, "SO_REUSEADDR failed. %s .\n", strerror(errno));
-        dd_destory_sockfd(&fd);
         goto fail;
     }
 
@@ -134,10 +133,13 @@ int32_t setup_service(const char *name, const char *ifname, const char *ip, uint
         return 0;
     }
     LOG(3, "bind local ip: %s failed. %s .\n", ip ? ip : "", strerror(errno));
-    dd_destory_sockfd(&fd);
 
 fail:
-    if (main_ent)
+    if (main_ent) {
+        // Released even when no uptime was sampled, so its socket is closed.
+        if (!main_ent->start_ts)
+            main_ent->start_ts = 1;
         free_entity(main_ent);
+    }
     return -1;
 }

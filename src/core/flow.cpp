@@ -1,10 +1,12 @@
 // Command line, signal handling and the top-level flow of each role.
 #include "core/flow.h"
 
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "client/client.h"
@@ -79,16 +81,37 @@ int32_t parse_args(int argc, char **argv)
 // inside no TLS call and no allocation.
 void sig_handler(int sig)
 {
-    if (sig == SIGUSR1)
+    if (sig == SIGUSR1) {
         g_sig_usr1 = 1;
-    else
+    } else {
         g_sig_stop = sig;
+        // As the watchdog does: a stop noted just before the RE blocks in a
+        // read of its connection must not wait for the CAP to send.
+        int fd = g_sig_cut_fd;
+        if (fd >= 0) {
+            int saved = errno;
+            shutdown(fd, SHUT_RDWR);
+            errno = saved;
+        }
+    }
     sig_wake();
 }
 
 // Set while br-lan holds the uplink address of the clash path.
 static int32_t re_lan_moved;
 static void re_set_lan_ip(const char *ip);
+
+// A peer thread that did not end in time (a platform script that hangs)
+// may still run: then the process ends without the exit handlers, which
+// would tear down OpenSSL and the C library under it.
+[[noreturn]] static void flow_exit(int status)
+{
+    if (ent_live_threads() > 0) {
+        fflush(nullptr);
+        _exit(status & 0xff);
+    }
+    exit(status);
+}
 
 static void sig_stop_now(int sig)
 {
@@ -98,14 +121,7 @@ static void sig_stop_now(int sig)
         LOG(3, "NOTE: !!! restore br-lan ip to origin ip-addr.\n");
         re_set_lan_ip(g_default_lan_ip);
     }
-    // A peer thread that did not end in time (a platform script that hangs)
-    // may still run: then the process ends without the exit handlers, which
-    // would tear down OpenSSL under it.
-    if (ent_live_threads() > 0) {
-        fflush(nullptr);
-        _exit(255);
-    }
-    exit(-1);
+    flow_exit(-1);
 }
 
 // What the main thread's safe points run (see sig_safe_point): a stop runs
@@ -128,6 +144,9 @@ static void flow_signals(void)
             LOG(3, "RE triggered to get new gw:[%s] and ip:[%s] from iface: [%s]\n", g_gw_srv_ip,
                 g_local_wan_ip, g_ifname);
         }
+        // A stop noted while the refresh ran its commands.
+        if (g_sig_stop)
+            sig_stop_now(g_sig_stop);
     }
     if (!g_is_server)
         client_timer_expired();
@@ -166,11 +185,13 @@ void cleanup_mesh_cable(void)
     if (main_ent)
         free_entity(main_ent);
     switch_conning_light(0);
+    pthread_mutex_lock(&lock);   // as the peer threads and the responder use it
     tolvaRemoveMeshLock();
+    pthread_mutex_unlock(&lock);
     ssl_uninit();
 }
 
-static void install_signals(void)
+void install_signals(void)
 {
     sig_install(sig_handler, flow_signals);
 }
@@ -184,12 +205,15 @@ int32_t cap_flow(void)
         __atomic_store_n(&ip_changed, 0, __ATOMIC_RELAXED);
         start_mesh_server(g_ifname, 0);
     } while (__atomic_load_n(&ip_changed, __ATOMIC_RELAXED));
+    sig_safe_point();
     cleanup_mesh_cable();
-    return 0;
+    flow_exit(0);
 }
 
 static int32_t re_exit(int32_t rc)
 {
+    // A stop noted on the way out (while re_init ran, say) still ends with 255.
+    sig_safe_point();
     cleanup_mesh_cable();
     return rc;
 }

@@ -17,8 +17,10 @@ void usage(void);
 int32_t parse_args(int argc, char **argv);
 // Notes the signal and wakes the main thread (async-signal-safe).
 void sig_handler(int sig);
+// Installs sig_handler and what the main thread's safe points run.
+void install_signals(void);
 int32_t capip_ip_compare(const char *a, const char *b);
-int32_t cap_flow(void);
+int32_t cap_flow(void);   // ends the process
 int32_t re_flow(void);
 // Set-up and tear-down of both roles: the TLS context; the peers, records,
 // light, mesh lock and context at the end.

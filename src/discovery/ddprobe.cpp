@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "conn/entity.h"
 #include "conn/sockopt.h"
 #include "discovery/ddsock.h"
 #include "platform/meshlock.h"
@@ -41,8 +42,13 @@ int32_t srv_open_sockets(const char *local_ip, int32_t *sender, int32_t *recver)
 
 int dd_srv_handle(char *buf, int size, const char *local_ip)
 {
-    // A pairing in progress: let the RE keep probing until it is over.
-    if (tolvaTryRemoveMeshLock() > 0) {
+    // A pairing in progress: let the RE keep probing until it is over. Under
+    // the pool lock, as the peer threads take and drop the mesh lock: a stale
+    // lock removed here must not be one a peer has just renewed.
+    pthread_mutex_lock(&lock);
+    int busy = tolvaTryRemoveMeshLock();
+    pthread_mutex_unlock(&lock);
+    if (busy > 0) {
         LOG_AS(3, "dd_srv_loop", "dd srv: meshing\n");
         return -1;
     }
@@ -166,6 +172,9 @@ int dd_clt_probe(const char *ifname, char *cap_ip)
     char buf[DD_RAW_BUF];
     int ret = -1;
     for (;;) {
+        // Frames that are not answers keep the loop going: a stop is not
+        // left to the end of the probe.
+        sig_stop_point();
         memset(buf, 0, sizeof(buf));
         // Negative: a frame not for us (our own request among them);
         // 0: a second of silence or an error, the probe is over.

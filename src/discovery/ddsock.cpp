@@ -74,12 +74,11 @@ int set_fd_timeout(int fd, int seconds, int milliseconds)
 
 int dd_create_rawfd(const char *ifname)
 {
-    int32_t fd = socket(AF_PACKET, SOCK_RAW, htons(0x0800));
+    int32_t fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(0x0800));
     if (fd < 0) {
         LOG(3, "dd_create_rawfd: create fd failed. %s\n", strerror(errno));
         return -1;
     }
-    set_fd_flag(fd, 1);
     if (set_fd_timeout(fd, 1, 0) < 0) {
         LOG_AS(3, "dd_create_sockfd", "dd_create_sockfd: set opt SO_RCVTIMEO failed\n");
         dd_destory_sockfd(&fd);
@@ -130,12 +129,11 @@ int dd_create_sockfd(const char *local_ip, int port, int is_sender)
         return -1;
     const char *role = is_sender ? "sender" : "recver";
 
-    int32_t fd = socket(AF_INET, SOCK_DGRAM, 0);
+    int32_t fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         LOG(3, "dd_create_sockfd: send msg create fd failed. %s\n", strerror(errno));
         return -1;
     }
-    set_fd_flag(fd, 1);
 
     int on = 1;
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) < 0) {

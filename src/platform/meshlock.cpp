@@ -16,7 +16,7 @@ int g_mesh_locked = 0;
 int tolvaAddMeshLock(void)
 {
     LOG(5, "tolva mesh Locked\n");
-    FILE *fp = fopen(MESH_LOCK_FILE, "w");
+    FILE *fp = fopen(MESH_LOCK_FILE, "we");
     if (!fp)
         return -1;
     __atomic_store_n(&g_mesh_locked, 1, __ATOMIC_RELAXED);

@@ -161,13 +161,14 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
 }
 
 // The other peers' records belong to their threads: their sockets are shut
-// down, and each thread releases its own record.
+// down, and each thread releases its own record. A record not handed over
+// yet is still being filled by the accepting thread, unlocked: it is skipped.
 void disconnect_others(entity *keep)
 {
     pthread_mutex_lock(&lock);
     for (int32_t i = 1; i < ENT_POOL_SIZE; i++) {
         entity *ent = &ent_pool[i];
-        if (ent == keep || !ent->ssl)
+        if (ent == keep || !ent_handed_locked(i) || !ent->ssl)
             continue;
         LOG(3, "WARN: [" ENT_FMT "] direct drop connections: [" ENT_FMT "]\n",
             keep ? keep->name : "", ent->name);

@@ -29,8 +29,8 @@ struct timeval conn_duration[2];
 int32_t (*server_thread_create)(pthread_t *, void *(*)(void *), void *) = sig_thread_create;
 
 // The peer record (slot and generation) whose thread holds the mesh lock;
-// slot 0 = none. Guarded by `lock`, so that the sweep and a late thread
-// never both remove it.
+// slot 0 = none. Guarded by `lock`, as is every use of the mesh lock in the
+// CAP (the discovery responder drops a stale one).
 static int32_t mesh_lock_slot;
 static uint32_t mesh_lock_gen;
 
@@ -159,12 +159,12 @@ int32_t handle_new_connection(entity *main)
     pthread_t tid = 0;
     int rc;
 
-    nfd = accept(main->fd, (struct sockaddr *)&peer, &plen);
+    // Close-on-exec from the start: a peer thread may be starting a command.
+    nfd = accept4(main->fd, (struct sockaddr *)&peer, &plen, SOCK_CLOEXEC);
     if (nfd < 0) {
         LOG(3, "[" ENT_FMT "] accept() failed, %s.\n", main->name, strerror(errno));
         return -1;
     }
-    set_fd_flag(nfd, 1);
     if (set_fd_keepalive(nfd) != 0) {
         LOG(3, "[" ENT_FMT "] set sock fd keepalive failed.\n", main->name);
         dd_destory_sockfd(&nfd);
@@ -238,13 +238,12 @@ void check_connection_timeout(void)
                 "[" ENT_FMT
                 "] serving time: %d too long > timeout: %d, disconnect it, current ts: %d .\n",
                 ent->name, (int)(now - ent->start_ts), (int)SERVING_TIMEOUT, (int)current);
-            // The slot's share and the mesh lock go now, so that the next RE
-            // is served even when this peer's thread hangs (in cap_init, say);
-            // the record's memory stays with that thread.
-            uint32_t gen = ent_gen_locked(i);
+            // The slot's share goes now, so that a thread that never reads
+            // again refuses no later RE. The mesh lock stays with the thread
+            // (it may be inside cap_init) until it ends or the lock's own life
+            // runs out; the record's memory stays with it too.
             wake_peer(ent);
-            ent_release_share_locked(i, gen);
-            peer_mesh_unlock_locked(i, gen);
+            ent_release_share_locked(i, ent_gen_locked(i));
         }
     }
     pthread_mutex_unlock(&lock);

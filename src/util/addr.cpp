@@ -25,7 +25,7 @@ static int32_t read_addr_line(FILE *fp, char *dst)
 
 static int32_t read_gw_file(char *gw, char *ip)
 {
-    FILE *fp = fopen(GW_IP_FILE, "r");
+    FILE *fp = fopen(GW_IP_FILE, "re");
     if (!fp) {
         LOG(3, "fopen file error: %s\n", strerror(errno));
         return -1;

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "util/log.h"
+#include "util/sig.h"
 #include "util/sys.h"
 
 enum { CMD_CHUNK = 128 };
@@ -47,6 +48,8 @@ int32_t tolva_exec_cmd(const char *cmd, char *out, int32_t size)
         } else if (errno != EINTR) {
             ret = -1;
             break;
+        } else {
+            sig_stop_point();   // a query's output is not needed by a stop
         }
     }
     sys_pclose(fp);
@@ -136,7 +139,7 @@ char *str_trim(char *text)
 
 int32_t f_string_read(const char *path, void *buf, uint32_t size)
 {
-    FILE *fp = fopen(path, "r");
+    FILE *fp = fopen(path, "re");
     if (!fp)
         return 0;
     int32_t n = (int32_t)fread(buf, size, 1, fp);
@@ -146,7 +149,7 @@ int32_t f_string_read(const char *path, void *buf, uint32_t size)
 
 int32_t f_string_write(const char *path, const void *buf, uint32_t size)
 {
-    FILE *fp = fopen(path, "w");
+    FILE *fp = fopen(path, "we");
     if (!fp)
         return 0;
     int32_t n = (int32_t)fwrite(buf, size, 1, fp);

@@ -79,12 +79,26 @@ int32_t sig_on_main(void)
 
 void sig_safe_point(void)
 {
-    static int32_t busy;
-    if (!sig_on_main() || busy || !sig_act)
+    static int32_t busy, stopping;
+    if (!sig_on_main() || !sig_act)
         return;
+    int32_t for_stop = g_sig_stop != 0;
+    // A stop must not wait for a SIGUSR1's command; nothing runs inside a stop.
+    if (stopping || (busy && !for_stop))
+        return;
+    int32_t was_busy = busy;
     busy = 1;
+    stopping = for_stop;
     sig_act();
-    busy = 0;
+    busy = was_busy;
+    stopping = 0;
+}
+
+void sig_stop_point(void)
+{
+    // The notes are the main thread's: no other thread reads them.
+    if (sig_on_main() && g_sig_stop)
+        sig_safe_point();
 }
 
 void nap_ms(int32_t ms)

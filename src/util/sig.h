@@ -27,10 +27,14 @@ int32_t sig_wake_fd(void);
 void sig_drain(void);
 // 1 on the thread that called sig_install.
 int32_t sig_on_main(void);
-// Acts on noted signals: runs `act` on the main thread, never nested; does
-// nothing on any other thread or before sig_install. Called where the main
-// thread holds no lock and is inside no TLS call.
+// Acts on noted signals: runs `act` on the main thread; does nothing on any
+// other thread or before sig_install. Called where the main thread holds no
+// lock and is inside no TLS call. `act` is not nested, except that a stop
+// goes ahead inside the handling of another note (a SIGUSR1's command).
 void sig_safe_point(void);
+// A safe point for a noted stop only: where the main thread waits for a
+// command or reads frames, other notes wait for the caller's next safe point.
+void sig_stop_point(void);
 // Sleeps ms milliseconds, acting on signals as they arrive.
 void nap_ms(int32_t ms);
 // pthread_create for a detached thread that starts with the noted signals

@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "util/sig.h"
+
 extern char **environ;
 
 namespace
@@ -51,13 +53,30 @@ pid_t sys_spawn(const char *cmd, int out_fd, int close_fd)
     return pid;
 }
 
+// A stop noted while the main thread waits for a command gives the command
+// 500 ms to end (its changes and those of the clean-up must not interleave),
+// then is acted on; a command still running then (a hanging script) is left
+// to run.
+enum { STOP_NAP_US = 10000, STOP_GRACE_NAPS = 50 };
+
 int sys_wait(pid_t pid)
 {
     int status = -1;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR)
+    int naps = 0;
+    for (;;) {
+        bool grace = sig_on_main() && g_sig_stop && naps < STOP_GRACE_NAPS;
+        pid_t r = waitpid(pid, &status, grace ? WNOHANG : 0);
+        if (r == pid)
+            break;
+        if (r < 0 && errno != EINTR)
             return -1;
+        if (grace) {
+            usleep(STOP_NAP_US);
+            if (++naps == STOP_GRACE_NAPS)
+                sig_stop_point();
+        }
     }
+    sig_stop_point();
     return status;
 }
 

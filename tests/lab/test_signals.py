@@ -54,16 +54,26 @@ def test_cap_stops_cleanly_on_signals_in_every_phase(make_lab):
 
 def test_re_stops_cleanly_on_signals_in_every_phase(make_lab):
     lab = make_lab()
-    lab.re.write("/lab/ans/mesh_setup.sh", "sleep 0.3\n")
+    uci = lab.re.read("/lab/ans/uci")
     cap = lab.cap.start_cap()
     lab.re.plaitd("-h").wait(5)
     rng, bad, n, signals, paired = random.Random(12), [], max(10, int(100 * SCALE)), 0, 0
     while signals < n and paired < n:
-        busy = signals % 3 == 2   # the CAP refuses: the RE waits and retries
+        phase = ("any", "any", "busy", "re_init", "usr1")[signals % 5]
+        busy = phase in ("busy", "usr1")   # the CAP refuses: the RE waits and retries
         if busy:
             lab.cap.hold_mesh_lock()
+        # Slow platform commands: a stop must not wait for them.
+        lab.re.write("/lab/ans/mesh_setup.sh", "sleep 5\n" if phase == "re_init" else "sleep 0.3\n")
+        lab.re.write("/lab/ans/uci", ('[ "$*" = "-q get network.wan.ifname" ] && sleep 5\n' if phase == "usr1" else "") + uci)
         re_ = lab.re.spawn(["/usr/sbin/plaitd", "-C", "-o"], "plaitd")
-        time.sleep(rng.uniform(0.05, 4.0 if busy else 1.2))
+        routerlab.wait_until(re_.log, 5, step=0.01)   # started: a signal before its handler kills it
+        if phase == "re_init":
+            routerlab.wait_until(lambda: "NOTE: execute tolvaInitRE" in re_.log(), 10, step=0.01)
+        elif phase == "usr1":
+            time.sleep(0.5)
+            re_.signal(10)
+        time.sleep(rng.uniform(0.05, 4.0 if phase == "busy" else 0.5 if phase == "usr1" else 1.2))
         if not re_.running() or stop_and_check(lab.re, re_, (15, 2)[signals % 2], bad) is None:
             paired += 1   # paired before the signal: not a signal case
         else:

@@ -372,10 +372,12 @@ TEST_F(Proto, SlotsSharesAndRelease)
     EXPECT_EQ(1, ent_release_share(3, ent_gen(again)) +
                      ent_release_share(3, ent_gen(again)));   // once
     EXPECT_EQ(6, g_srving_cnt);
+    ent_hand_over(&ent_pool[2]), ent_hand_over(&ent_pool[7]);   // owned by running threads
     disconnect_others(cap);   // their sockets go, their records stay with their threads
     char c;
     EXPECT_TRUE(recv(first, &c, 1, 0) == 0 && recv(last, &c, 1, 0) == 0 && ent_pool[2].ssl &&
                 ent_pool[7].ssl);
+    ent_hand_back(&ent_pool[2]), ent_hand_back(&ent_pool[7]);
     EXPECT_EQ(-1, recv(re->fd, &c, 1, MSG_DONTWAIT));   // the kept peer's socket stays
     close(first), close(last);
     current = 0;
