@@ -1,6 +1,7 @@
 """A whole pairing between the real CAP (plaitd -S) and RE (plaitd -C)."""
 import base64
 import re
+import signal
 
 import routerlab
 
@@ -74,3 +75,17 @@ def test_three_res_at_once(make_lab):
     assert routerlab.wait_until(lambda: cap.figures()[:2] == idle, 10), (idle, cap.figures())
     assert cap.stop() == 255   # LeakSanitizer, if built in, reports at this exit
     assert not re.search("Sanitizer|runtime error:", cap.log() + "".join(p.log() for p in res))
+
+
+def test_unanswered_probe_asks_again_while_a_host_chatters(make_lab):
+    """Nothing answers the RE's first request (the CAP starts after it) while another host sends
+    to the discovery port every 0.5 s: the probe still ends, asks again, and the RE pairs."""
+    lab = make_lab()
+    chatter = lab.cap.job("hostile.py", "ddchatter", {"ifname": "br-lan", "gap": 0.5, "max_s": 60})
+    chatter.wait_step("started", 5)
+    re_ = lab.re.plaitd("-C", "-o", "-i", "eth4")
+    re_.wait_log("dd_send_msg: send msg to [255.255.255.255:19553] Success", 10)
+    lab.cap.start_cap()
+    assert re_.wait(45) == 0, re_.log()[-3000:]
+    assert chatter.p.poll() is None   # still talking: the probe ended by itself
+    chatter.kill()
