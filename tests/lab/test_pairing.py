@@ -77,6 +77,23 @@ def test_three_res_at_once(make_lab):
     assert not re.search("Sanitizer|runtime error:", cap.log() + "".join(p.log() for p in res))
 
 
+def test_re_finds_a_cap_that_moved(make_lab):
+    """The RE learnt the CAP's address; the CAP moves (its server restarts on the new one) before
+    the RE may pair (no gateway file yet): the RE gives the old address up, probes and pairs."""
+    lab = make_lab(uplink=None)
+    cap = lab.cap.start_cap()
+    lab.re.readdress("eth4", routerlab.RE_STATIC_IP)
+    re_ = lab.re.plaitd("-C", "-o", "-i", "eth4")
+    re_.wait_log("dd_clt: CAP found in L2-net. Continue for meshing...\n", 10)
+    lab.cap.readdress("br-lan", "192.168.77.2")
+    lab.re.write("/tmp/cab_plaitd_gw_ip", f"{routerlab.FACTORY_IP}\n{routerlab.RE_STATIC_IP}\n")
+    re_.signal(signal.SIGUSR1)
+    assert re_.wait(90) == 0, re_.log()[-3000:]
+    cap.wait_log("mesh.re.conn.type=wire:1", 5, stream="out")
+    assert cap.count("ip changed, restart server") == 1
+    assert re_.count("dd_clt: CAP found in L2-net.") >= 2   # found again, at the new address
+
+
 def test_unanswered_probe_asks_again_while_a_host_chatters(make_lab):
     """Nothing answers the RE's first request (the CAP starts after it) while another host sends
     to the discovery port every 0.5 s: the probe still ends, asks again, and the RE pairs."""
