@@ -16,15 +16,10 @@ int nodelay(int fd)
 }
 
 entity *created;
-int32_t record_thread(pthread_t *, void *(*)(void *), void *arg)
-{
-    created = (entity *)arg;
-    return 0;
-}
 
 }   // namespace
 
-// Each message is one write, and the next one follows before any answer (TLS Finished, then
+// Each message is one write, and the next often follows before any answer (TLS Finished, then
 // the first request; a reply, then the CAP's own request): held back for the ACK of the one
 // before, it waited for the peer's delayed ACK.
 TEST(Sockets, BothEndsSendEachMessageAtOnce)
@@ -35,17 +30,19 @@ TEST(Sockets, BothEndsSendEachMessageAtOnce)
     ASSERT_EQ(0, setup_service("CAP", "lo", "127.0.0.1", MESH_PORT));
     entity *cap = main_ent;
     ASSERT_EQ(0, listen(cap->fd, 1));
-    EXPECT_EQ(1, nodelay(cap->fd));
     int re_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_port = htons(MESH_PORT);
     sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ASSERT_EQ(0, connect(re_fd, (sockaddr *)&sa, sizeof(sa)));
-    server_thread_create = record_thread;
+    server_thread_create = [](pthread_t *, void *(*)(void *), void *arg) -> int32_t {
+        created = (entity *)arg;
+        return 0;
+    };
     EXPECT_EQ(0, handle_new_connection(cap));
     ASSERT_NE(nullptr, created);
-    EXPECT_EQ(1, nodelay(created->fd));
+    EXPECT_EQ(1, nodelay(created->fd));   // the CAP's peer
     ent_hand_back(created);
     free_entity(created);
     free_entity(cap);
