@@ -55,6 +55,7 @@ def test_three_res_at_once(make_lab):
     the others retry until every one is paired, and the CAP is as before."""
     lab = make_lab(uplink="dhcp", n=3)
     cap = lab.cap.start_cap()
+    cap.wait_log("dd_srv: enter broadcast recving loop.\n", 10)   # both responder sockets are open
     idle = cap.figures()[:2]
     gate = ["/bin/sh", "-c", 'until [ -e /tmp/go ]; do usleep 2000; done; exec "$@"', "gate"]
     res = [r.plaitd("-C", "-o", "-i", "eth4", prefix=gate) for r in lab.res]
