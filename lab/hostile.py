@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """Traffic against a CAP, run in the RE's network namespace:
-python3 hostile.py plans|cycles|ddflood|ddsend '<json args>' (see
+python3 hostile.py plans|cycles|ddflood|ddchatter|ddsend '<json args>' (see
 the cmd_ functions). Prints JSON lines ({"step": ...}), the last {"step":
 "done", ...} with the figures, or {"step": "error", ...}. Every loop is
 bounded in count and time."""
@@ -226,6 +226,19 @@ def cmd_ddsend(a):
     w = Wire(a.get("ifname", "eth4"))
     w.send(bytes.fromhex(a["hex"]))
     emit({"step": "done", "answers": [x.hex() for x in w.answers(a.get("wait", 1.5))]})
+
+
+def cmd_ddchatter(a):
+    """A chatty host: a datagram that is no request (hex, default "chatter") broadcast to the
+    discovery port every gap seconds, n at most, for max_s seconds at most."""
+    w, t0, sent = Wire(a.get("ifname", "eth4")), time.monotonic(), 0
+    payload = bytes.fromhex(a.get("hex", b"chatter\0".hex()))
+    emit({"step": "started"})
+    while sent < a.get("n", 1000) and time.monotonic() - t0 < a.get("max_s", 60):
+        w.send(payload)
+        sent += 1
+        time.sleep(a.get("gap", 0.5))
+    emit({"step": "done", "sent": sent})
 
 
 def cmd_ddflood(a):

@@ -413,6 +413,12 @@ class Router:
         out = subprocess.run(["ip", "-n", self.ns, "-4", "-o", "addr", "show", dev], capture_output=True, text=True)
         return re.findall(r"inet ([\d.]+)/", out.stdout)
 
+    def readdress(self, dev, ip):
+        """Gives dev the single IPv4 address ip/24 in place of any it had (a CAP's responder
+        notices a new br-lan address at its next answer and restarts the server on it)."""
+        _run(["ip", "-n", self.ns, "addr", "flush", "dev", dev])
+        _run(["ip", "-n", self.ns, "addr", "add", f"{ip}/24", "brd", "+", "dev", dev])
+
     def start_cap(self, *args):
         """plaitd -S on br-lan (args added), once it listens."""
         p = self.plaitd("-S", "-o", "-i", "br-lan", *args)

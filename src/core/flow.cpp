@@ -273,6 +273,15 @@ static int32_t re_attempt(void)
 
 enum re_step { RE_NEXT, RE_DONE, RE_RESTART };
 
+// Failed attempts in a row at one discovered CAP address before the RE asks
+// again: the CAP may have moved (its server restarts on a new address), or
+// the answer was forged. A CAP busy with another RE refuses at once and
+// drops discovery until it is done, so probing during its pairing only waits
+// for it; the count has to ride out a lost packet or a refused turn, while
+// each attempt at an address nobody holds costs some 6 s (3 s of ARP, 3 s of
+// wait).
+enum { RE_TRIES_PER_DISCOVERY = 3 };
+
 // The clash path: an attempt with br-lan moved to the uplink address, put
 // back when it fails. A CAP outside the uplink's /24 restarts the discovery.
 static re_step re_try_moved(int32_t *last)
@@ -311,17 +320,25 @@ static re_step re_try(int32_t *last)
     return step;
 }
 
-// One pass of the pairing loop; `last` keeps the latest client result.
-static re_step re_pair_once(int32_t *last)
+// One pass of the pairing loop; `last` keeps the latest client result,
+// `failed` counts the failed attempts since the last discovery.
+static re_step re_pair_once(int32_t *last, int32_t *failed)
 {
     if (re_initted())
         return RE_DONE;
-    re_step step = re_ready() ? re_try(last) : RE_NEXT;
+    int32_t tried = re_ready();
+    re_step step = tried ? re_try(last) : RE_NEXT;
     if (step != RE_NEXT)
         return step;
     nap_ms(3000);
     // A finished attempt without success (a dry run) ends the process quietly.
-    return *last == 0 ? RE_DONE : RE_NEXT;
+    if (*last == 0)
+        return RE_DONE;
+    if (tried && g_ifname[0] && ++*failed >= RE_TRIES_PER_DISCOVERY) {
+        LOG(3, "NOTE: CAP %s not paired in %d tries, discover again.\n", g_cap_ip, *failed);
+        return RE_RESTART;
+    }
+    return RE_NEXT;
 }
 
 int32_t re_flow(void)
@@ -333,7 +350,8 @@ int32_t re_flow(void)
             return re_exit(0);
         g_retry_flag = get_gw_ip(g_gw_srv_ip, g_local_wan_ip) == 0 ? 1 : 0;
         re_step step;
-        while ((step = re_pair_once(&last)) == RE_NEXT) {
+        int32_t failed = 0;
+        while ((step = re_pair_once(&last, &failed)) == RE_NEXT) {
         }
         if (step == RE_DONE)
             return re_exit(0);

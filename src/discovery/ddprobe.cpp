@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
 
 #include "conn/entity.h"
 #include "conn/sockopt.h"
@@ -22,6 +23,23 @@ namespace
 constexpr int IP_TEXT_LEN = 16;
 constexpr int RE_MAGIC_LEN = 17;   // the NUL is not compared
 constexpr int CAP_MAGIC_LEN = 18;
+
+// The probe's whole wait after its request. A CAP answers within
+// milliseconds, and a second of silence still ends the wait early; but every
+// frame for the port starts that second again, so without a bound a host
+// sending to the port more often than once a second (several REs probing
+// every 4 s do, together) keeps an unanswered probe waiting for ever, never asking
+// again.
+constexpr int64_t PROBE_WAIT_MS = 2000;
+constexpr int RAW_TIMEOUT_MS = 1000;   // the raw socket's receive time-out
+static_assert(PROBE_WAIT_MS >= RAW_TIMEOUT_MS, "a second of silence fits in the wait");
+
+int64_t probe_now_ms(void)
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
 
 // Sender on the LAN address (kernel-chosen port, broadcast on) and the
 // receiver on 0.0.0.0 at the discovery port. Both or neither.
@@ -171,10 +189,17 @@ int dd_clt_probe(const char *ifname, char *cap_ip)
 
     char buf[DD_RAW_BUF];
     int ret = -1;
+    const int64_t deadline = probe_now_ms() + PROBE_WAIT_MS;
     for (;;) {
         // Frames that are not answers keep the loop going: a stop is not
         // left to the end of the probe.
         sig_stop_point();
+        int64_t left = deadline - probe_now_ms();
+        if (left <= 0)
+            break;
+        // The last receive waits only for what is left of the bound.
+        if (left < RAW_TIMEOUT_MS)
+            set_fd_timeout(raw, 0, (int)left);
         memset(buf, 0, sizeof(buf));
         // Negative: a frame not for us (our own request among them);
         // 0: a second of silence or an error, the probe is over.

@@ -170,6 +170,7 @@ int32_t handle_new_connection(entity *main)
         dd_destory_sockfd(&nfd);
         return -1;
     }
+    set_fd_nodelay(nfd);   // inherited from the listener on Linux; made sure of here
     snprintf(pname, sizeof(pname), "peer-%s", inet_ntoa(peer.sin_addr));
 
     // One pairing at a time: a second RE is told to come back later.

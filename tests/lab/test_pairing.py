@@ -1,6 +1,7 @@
 """A whole pairing between the real CAP (plaitd -S) and RE (plaitd -C)."""
 import base64
 import re
+import signal
 
 import routerlab
 
@@ -54,6 +55,7 @@ def test_three_res_at_once(make_lab):
     the others retry until every one is paired, and the CAP is as before."""
     lab = make_lab(uplink="dhcp", n=3)
     cap = lab.cap.start_cap()
+    cap.wait_log("dd_srv: enter broadcast recving loop.\n", 10)   # both responder sockets are open
     idle = cap.figures()[:2]
     gate = ["/bin/sh", "-c", 'until [ -e /tmp/go ]; do usleep 2000; done; exec "$@"', "gate"]
     res = [r.plaitd("-C", "-o", "-i", "eth4", prefix=gate) for r in lab.res]
@@ -74,3 +76,33 @@ def test_three_res_at_once(make_lab):
     assert routerlab.wait_until(lambda: cap.figures()[:2] == idle, 10), (idle, cap.figures())
     assert cap.stop() == 255   # LeakSanitizer, if built in, reports at this exit
     assert not re.search("Sanitizer|runtime error:", cap.log() + "".join(p.log() for p in res))
+
+
+def test_re_finds_a_cap_that_moved(make_lab):
+    """The RE learnt the CAP's address; the CAP moves (its server restarts on the new one) before
+    the RE may pair (no gateway file yet): the RE gives the old address up, probes and pairs."""
+    lab = make_lab(uplink=None)
+    cap = lab.cap.start_cap()
+    lab.re.readdress("eth4", routerlab.RE_STATIC_IP)
+    re_ = lab.re.plaitd("-C", "-o", "-i", "eth4")
+    re_.wait_log("dd_clt: CAP found in L2-net. Continue for meshing...\n", 10)
+    lab.cap.readdress("br-lan", "192.168.77.2")
+    lab.re.write("/tmp/cab_plaitd_gw_ip", f"{routerlab.FACTORY_IP}\n{routerlab.RE_STATIC_IP}\n")
+    re_.signal(signal.SIGUSR1)
+    assert re_.wait(90) == 0, re_.log()[-3000:]
+    assert cap.count("ip changed, restart server") == 1
+    assert re_.count("dd_clt: CAP found in L2-net.") >= 2   # found again, at the new address
+
+
+def test_unanswered_probe_asks_again_while_a_host_chatters(make_lab):
+    """Nothing answers the RE's first request (the CAP starts after it) while another host sends
+    to the discovery port every 0.5 s: the probe still ends, asks again, and the RE pairs."""
+    lab = make_lab()
+    chatter = lab.cap.job("hostile.py", "ddchatter", {"ifname": "br-lan", "gap": 0.5, "max_s": 60})
+    chatter.wait_step("started", 5)
+    re_ = lab.re.plaitd("-C", "-o", "-i", "eth4")
+    re_.wait_log("dd_send_msg: send msg to [255.255.255.255:19553] Success", 10)
+    lab.cap.start_cap()
+    assert re_.wait(45) == 0, re_.log()[-3000:]
+    assert chatter.p.poll() is None   # still talking: the probe ended by itself
+    chatter.kill()
