@@ -1,3 +1,6 @@
+#include <sys/syscall.h>
+#include <sys/sysinfo.h>
+
 #include <algorithm>
 #include <deque>
 #include <mutex>
@@ -12,6 +15,15 @@ extern "C" int usleep(useconds_t us)
     if (fake_sys_real_sleep)
         std::this_thread::sleep_for(std::chrono::microseconds(us));
     return 0;
+}
+
+int32_t fake_sys_uptime;
+extern "C" int sysinfo(struct sysinfo *si) noexcept
+{
+    int rc = (int)syscall(SYS_sysinfo, si);
+    if (fake_sys_uptime > 0)
+        si->uptime = fake_sys_uptime;
+    return rc;
 }
 
 namespace
@@ -63,8 +75,13 @@ const sys_ops fake_ops = {fake_popen, fake_pclose, fake_system};
 
 void fake_sys_install(void)
 {
-    rules.clear(), asked.clear(), ran.clear(), buffers.clear();
-    sys_status = 0, hook = nullptr;
+    rules.clear();
+    asked.clear();
+    ran.clear();
+    buffers.clear();
+    sys_status = 0;
+    hook = nullptr;
+    fake_sys_uptime = 0;
     sys_set_ops(&fake_ops);
 }
 
