@@ -56,11 +56,6 @@ FILE *fake_popen(const char *cmd, const char *)
     return fopen("/dev/null", "r");
 }
 
-int fake_pclose(FILE *fp)
-{
-    return fclose(fp);
-}
-
 int fake_system(const char *cmd)
 {
     std::lock_guard<std::recursive_mutex> g(mu);
@@ -70,7 +65,7 @@ int fake_system(const char *cmd)
     return sys_status;
 }
 
-const sys_ops fake_ops = {fake_popen, fake_pclose, fake_system};
+const sys_ops fake_ops = {fake_popen, fclose, fake_system};
 }   // namespace
 
 void fake_sys_install(void)
