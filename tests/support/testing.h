@@ -77,12 +77,12 @@ inline std::string captured(FILE *s, const std::function<void()> &fn)
     return out;
 }
 
-// One byte from fd without waiting: 0 when the other end closed or shut down, -1 when it is
-// open with nothing to read.
-inline int recv_one(int fd)
+// One byte from fd, without waiting unless told: 0 when the other end closed or shut down, -1
+// when it is open with nothing to read.
+inline int recv_one(int fd, int flags = MSG_DONTWAIT)
 {
     char c;
-    return (int)recv(fd, &c, 1, MSG_DONTWAIT);
+    return (int)recv(fd, &c, 1, flags);
 }
 
 // A network namespace of the test's own with loopback up, so fixed ports and

@@ -79,6 +79,7 @@ TEST(Discovery, RawFrameParsing)
                  {frame("hi", 10), -1, 64, 2, "hi"},   // one past the frame, and at it
                  {frame("hi", 7), -1, 64, -1, ""},
                  {frame("hi", 8), -1, 64, 0, ""},
+                 {frame(""), -1, 64, 0, ""},   // nothing after the UDP header
                  {frame("", -1, 15), 14 + 60 + 6, 64, -1, ""},
                  // The whole UDP length is held against buflen: 2040 bytes fit in 2048, 2041 not.
                  {frame(q2040 + "q"), -1, 2048, -1, ""},
@@ -207,8 +208,9 @@ TEST(Server, AcceptOneAtATimeAndGiveBackOnThreadFailure)
     EXPECT_EQ(0, g_srving_cnt);
     EXPECT_EQ(nullptr, ent_pool[1].ssl);
     EXPECT_EQ(0, ent_live_threads());
-    EXPECT_EQ(0, recv_one(cfd));   // closed
-    // Handed to a thread: named after the peer, one share; a second peer is turned away.
+    EXPECT_EQ(0, recv_one(cfd, 0));   // closed
+    // Handed to a thread: named after the peer, keep-alive on, one share; a second peer is turned
+    // away.
     server_thread_create = record_thread;
     int first = tcp_to("127.0.0.1", port);
     int second = tcp_to("127.0.0.1", port);
@@ -217,8 +219,12 @@ TEST(Server, AcceptOneAtATimeAndGiveBackOnThreadFailure)
     EXPECT_STREQ("peer-127.0.0.1", created->name);
     EXPECT_EQ(ST_TCP_DONE, created->state);
     EXPECT_EQ(FD_CLOEXEC, fcntl(created->fd, F_GETFD));
+    int idle = 0;
+    len = sizeof(idle);
+    EXPECT_EQ(0, getsockopt(created->fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, &len));
+    EXPECT_EQ(3, idle);
     EXPECT_EQ(0, handle_new_connection(&listener));
-    EXPECT_EQ(0, recv_one(second));   // turned away
+    EXPECT_EQ(0, recv_one(second, 0));   // turned away
     EXPECT_EQ(-1, recv_one(first));
     EXPECT_EQ(1, g_srving_cnt);
     EXPECT_EQ(nullptr, ent_pool[2].ssl);
