@@ -30,7 +30,8 @@ int32_t successor(int cap, int32_t from, uint16_t type, const uint8_t *b, size_t
         return from;
     char id[17] = {0}, pass[129] = {0}, want[64] = {0};
     int32_t len = 0;
-    memcpy(id, b, 16), memcpy(pass, b + 16, 128);
+    memcpy(id, b, 16);
+    memcpy(pass, b + 16, 128);
     if (!id[0] || get_hmac_base64(cap ? 0 : 1, id, (int32_t)strlen(id), want, &len) != 0 ||
         strcmp(want, pass) != 0)
         return from;
@@ -54,10 +55,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     const uint8_t scene = data[0];
     const int cap = scene & 1;
-    data++, size--;
+    data++;
+    size--;
 
-    current = 100, g_dry_run = (scene >> 3) & 1, g_is_success = 0, strcpy(g_locate, "default");
-    fake_sys_install(), fake_sys_router(), fake_sys_system_status((scene & 0x10) ? 256 : 0);
+    current = 100;
+    g_dry_run = (scene >> 3) & 1;
+    g_is_success = 0;
+    strcpy(g_locate, "default");
+    fake_sys_install();
+    fake_sys_router();
+    fake_sys_system_status((scene & 0x10) ? 256 : 0);
     entity *c, *r;
     if (tls_connect_pair(srv_ctx, clt_ctx, &c, &r) != 0)
         die("handshake");
@@ -65,9 +72,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int sz = 1 << 18;   // room for the whole input and every answer: neither side blocks
     setsockopt(peer->fd, SOL_SOCKET, SO_SNDBUF, &sz, sizeof(sz));
     setsockopt(ent->fd, SOL_SOCKET, SO_SNDBUF, &sz, sizeof(sz));
-    if (cap && (scene & 0x20))
-        strcpy(ent->mac2, "28:6c:07:11:22:33"), strcpy(ent->mac5, "28:6c:07:11:22:34"),
-            strcpy(ent->macaddr, "28:6c:07:aa:bb:cc");
+    if (cap && (scene & 0x20)) {
+        strcpy(ent->mac2, "28:6c:07:11:22:33");
+        strcpy(ent->mac5, "28:6c:07:11:22:34");
+        strcpy(ent->macaddr, "28:6c:07:aa:bb:cc");
+    }
     change_state(ent, kStates[(scene >> 1) & 3]);
     // The whole plaintext, then close_notify: the entity reads to the end.
     if (size > 0 && SSL_write(peer->ssl, data, (int)size) != (int)size)
@@ -80,8 +89,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         // The frame the entity is about to read, as far as the input holds it.
         uint16_t type = 0, len = 0;
         if (off + MSG_HDR_SIZE <= size) {
-            memcpy(&len, data + off + 2, 2), memcpy(&type, data + off + 4, 2);
-            type = ntohs(type), len = ntohs(len);
+            len = (uint16_t)(data[off + 2] << 8 | data[off + 3]);
+            type = (uint16_t)(data[off + 4] << 8 | data[off + 5]);
         }
         const uint8_t *body = data + off + MSG_HDR_SIZE;
         size_t have = off + MSG_HDR_SIZE < size ? size - off - MSG_HDR_SIZE : 0;
@@ -99,8 +108,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     // Whatever state the session ended in, both records go back to the pool.
     g_is_server = 0;
-    free_entity(peer), free_entity(ent);
-    main_ent = nullptr, g_srving_cnt = 0;
+    free_entity(peer);
+    free_entity(ent);
+    main_ent = nullptr;
+    g_srving_cnt = 0;
     for (int i = 0; i < ENT_POOL_SIZE; i++)
         if (ent_pool[i].ssl)
             die("entity left in the pool");

@@ -29,8 +29,10 @@ void check_command(const std::string &cmd)
     std::vector<std::string> quoted;
     bool in = false;
     for (char c : cmd) {
+        if (c == '\'' && !in)
+            quoted.push_back("");
         if (c == '\'')
-            in ? (void)0 : quoted.push_back(""), in = !in;
+            in = !in;
         else if (in)
             quoted.back() += c;
         else if (strchr(kForbidden, c) || c == '\n')

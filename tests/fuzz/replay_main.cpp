@@ -28,8 +28,10 @@ int main(int argc, char **argv)
         std::vector<uint8_t> data;   // exact size: an over-read is caught under ASan
         for (int c; fp && (c = fgetc(fp)) != EOF;)
             data.push_back((uint8_t)c);
-        if (!fp || fclose(fp) != 0)
-            return fprintf(stderr, "replay: cannot read %s\n", f.c_str()), 1;
+        if (!fp || fclose(fp) != 0) {
+            fprintf(stderr, "replay: cannot read %s\n", f.c_str());
+            return 1;
+        }
         LLVMFuzzerTestOneInput(data.empty() ? nullptr : data.data(), data.size());
     }
     fprintf(stderr, "replay: %zu inputs done\n", files.size());

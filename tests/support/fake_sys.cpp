@@ -1,3 +1,6 @@
+#include <sys/syscall.h>
+#include <sys/sysinfo.h>
+
 #include <algorithm>
 #include <deque>
 #include <mutex>
@@ -12,6 +15,15 @@ extern "C" int usleep(useconds_t us)
     if (fake_sys_real_sleep)
         std::this_thread::sleep_for(std::chrono::microseconds(us));
     return 0;
+}
+
+int32_t fake_sys_uptime;
+extern "C" int sysinfo(struct sysinfo *si) noexcept
+{
+    int rc = (int)syscall(SYS_sysinfo, si);
+    if (fake_sys_uptime > 0)
+        si->uptime = fake_sys_uptime;
+    return rc;
 }
 
 namespace
@@ -44,11 +56,6 @@ FILE *fake_popen(const char *cmd, const char *)
     return fopen("/dev/null", "r");
 }
 
-int fake_pclose(FILE *fp)
-{
-    return fclose(fp);
-}
-
 int fake_system(const char *cmd)
 {
     std::lock_guard<std::recursive_mutex> g(mu);
@@ -58,13 +65,18 @@ int fake_system(const char *cmd)
     return sys_status;
 }
 
-const sys_ops fake_ops = {fake_popen, fake_pclose, fake_system};
+const sys_ops fake_ops = {fake_popen, fclose, fake_system};
 }   // namespace
 
 void fake_sys_install(void)
 {
-    rules.clear(), asked.clear(), ran.clear(), buffers.clear();
-    sys_status = 0, hook = nullptr;
+    rules.clear();
+    asked.clear();
+    ran.clear();
+    buffers.clear();
+    sys_status = 0;
+    hook = nullptr;
+    fake_sys_uptime = 0;
     sys_set_ops(&fake_ops);
 }
 

@@ -42,7 +42,7 @@
 #define FAKE_SYS_FAIL \
     "\x01"            \
     "fail"
-void fake_sys_install(void);   // also clears rules, records, status and hook
+void fake_sys_install(void);   // also clears rules, records, status, hook and uptime
 void fake_sys_answer(const std::string &pattern, const std::string &output);
 // A router with 2.4 GHz on wl1 (wifi2), 5 GHz on wl0 (wifi1), backhaul AP on wl5.
 void fake_sys_router(void);
@@ -54,21 +54,35 @@ size_t fake_sys_scripts(void);   // mesh_setup.sh command lines run so far
 // The daemon's naps (usleep) are counted, and pass at once unless real sleep is asked for.
 extern bool fake_sys_real_sleep;
 extern std::atomic<int> fake_sys_naps;
+// The uptime the daemon reads (sysinfo) when above 0; else the machine's.
+extern int32_t fake_sys_uptime;
 
 // What `fn` writes to a standard stream.
 inline std::string captured(FILE *s, const std::function<void()> &fn)
 {
     char path[] = "/tmp/cap-XXXXXX", buf[4096];
-    int tmp = mkstemp(path), saved = dup(fileno(s));
+    int tmp = mkstemp(path);
+    int saved = dup(fileno(s));
     unlink(path);
-    fflush(s), dup2(tmp, fileno(s));
+    fflush(s);
+    dup2(tmp, fileno(s));
     fn();
-    fflush(s), dup2(saved, fileno(s)), close(saved);
+    fflush(s);
+    dup2(saved, fileno(s));
+    close(saved);
     std::string out;
     for (ssize_t n, off = 0; (n = pread(tmp, buf, sizeof(buf), off)) > 0; off += n)
         out.append(buf, (size_t)n);
     close(tmp);
     return out;
+}
+
+// One byte from fd, without waiting unless told: 0 when the other end closed or shut down, -1
+// when it is open with nothing to read.
+inline int recv_one(int fd, int flags = MSG_DONTWAIT)
+{
+    char c;
+    return (int)recv(fd, &c, 1, flags);
 }
 
 // A network namespace of the test's own with loopback up, so fixed ports and
@@ -77,7 +91,8 @@ inline bool netns_enter_private(void)
 {
     int s = unshare(CLONE_NEWNET) == 0 ? socket(AF_INET, SOCK_DGRAM, 0) : -1;
     struct ifreq ifr = {};
-    strcpy(ifr.ifr_name, "lo"), ifr.ifr_flags = IFF_UP;
+    strcpy(ifr.ifr_name, "lo");
+    ifr.ifr_flags = IFF_UP;
     bool ok = s >= 0 && ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
     close(s);
     return ok;
@@ -87,15 +102,18 @@ inline bool netns_enter_private(void)
 inline bool tls_setup(const std::string &dir, SSL_CTX **cap, SSL_CTX **re)
 {
     static std::string ct, ky;
-    ct = dir + "/ct", ky = dir + "/ky";
+    ct = dir + "/ct";
+    ky = dir + "/ky";
     std::string cmd = "mkdir -p " + dir +
                       " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
                       "-nodes -days 1 -subj /CN=cap -keyout " +
                       ky + " -out " + ct + " 2>/dev/null";
-    certfile = cafile = ct.c_str(), keyfile = ky.c_str();
+    certfile = cafile = ct.c_str();
+    keyfile = ky.c_str();
     bool made = system(cmd.c_str()) == 0;
     for (int server : {1, 0}) {
-        g_ssl_ctx = nullptr, g_is_server = server;
+        g_ssl_ctx = nullptr;
+        g_is_server = server;
         *(server ? cap : re) = made && ssl_init() == 0 ? g_ssl_ctx : nullptr;
     }
     g_ssl_ctx = nullptr;
@@ -109,9 +127,11 @@ inline int32_t tls_connect_pair(SSL_CTX *cap_ctx, SSL_CTX *re_ctx, entity **cap,
     int fds[2], rc = 0;
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
         return -2;
-    g_is_server = 1, g_ssl_ctx = cap_ctx;
+    g_is_server = 1;
+    g_ssl_ctx = cap_ctx;
     *cap = new_entity("peer-10.0.0.2", fds[0], 0);
-    g_is_server = 0, g_ssl_ctx = re_ctx;
+    g_is_server = 0;
+    g_ssl_ctx = re_ctx;
     *re = main_ent = new_entity("RE", fds[1], 1);
     g_ssl_ctx = nullptr;
     if (!*cap || !*re)

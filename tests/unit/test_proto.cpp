@@ -39,9 +39,10 @@ std::string frame(uint16_t type, const std::string &body, int len = -1,
 
 std::string auth_body(int key_role, size_t size = 163)
 {
-    std::string b(size, '\0'), p = pass_of(key_role);
-    memcpy(&b[0], kId, 14), memcpy(&b[16], p.data(), p.size()),
-        memcpy(&b[144], "aa:bb:cc:00:00:01", 17);
+    std::string b(size, '\0');
+    b.replace(0, 14, kId);
+    b.replace(16, 44, pass_of(key_role));
+    b.replace(144, 17, "aa:bb:cc:00:00:01");
     return b;
 }
 
@@ -72,14 +73,19 @@ class Proto : public testing::Test
   protected:
     static void SetUpTestSuite()
     {
-        signal(SIGPIPE, SIG_IGN), log_mode = LOG_MODE_STDERR, log_level = 0,
-                                  tls_setup("/tmp/tls", &srv_ctx, &clt_ctx);
+        signal(SIGPIPE, SIG_IGN);
+        log_mode = LOG_MODE_STDERR;
+        log_level = 0;
+        tls_setup("/tmp/tls", &srv_ctx, &clt_ctx);
     }
     void SetUp() override
     {
-        ASSERT_TRUE(srv_ctx && clt_ctx);
-        fake_sys_install(), fake_sys_router();
-        current = 100, g_dry_run = 0;
+        ASSERT_NE(nullptr, srv_ctx);
+        ASSERT_NE(nullptr, clt_ctx);
+        fake_sys_install();
+        fake_sys_router();
+        current = 100;
+        g_dry_run = 0;
         strcpy(g_locate, "default");
         ASSERT_EQ(0, tls_connect_pair(srv_ctx, clt_ctx, &cap, &re));
     }
@@ -88,7 +94,8 @@ class Proto : public testing::Test
         g_is_server = 0;   // the RE releases every record
         for (int i = ENT_POOL_SIZE - 1; i >= 0; i--)
             free_entity(&ent_pool[i]);
-        main_ent = nullptr, g_srving_cnt = 0;
+        main_ent = nullptr;
+        g_srving_cnt = 0;
     }
     // `raw` from the other end, then one recv_message at the end of role `server`.
     int32_t deliver(int server, const std::string &raw)
@@ -133,11 +140,17 @@ TEST_F(Proto, EveryStateAgainstEveryMessage)
                 {0, 0, MSG_SYNC_REPLY, reply(1), "x- x- x- x-"}};
     for (const auto &r : rows)
         for (int s = 0; s < 4; s++) {
-            TearDown(), SetUp();
+            SCOPED_TRACE(std::string(r.server ? "CAP" : "RE") + (r.dry ? " (dry run)" : "") +
+                         " in state " + std::to_string(states[s]) + " gets message type " +
+                         std::to_string(r.type) + " (row " + std::to_string(&r - rows) + ")");
+            TearDown();
+            SetUp();
             entity *me = r.server ? cap : re;
-            strcpy(me->macaddr, "aa:bb:cc:00:00:01"), strcpy(me->mac2, "aa:bb:cc:00:00:02"),
-                strcpy(me->mac5, "aa:bb:cc:00:00:03");
-            me->state = states[s], g_dry_run = r.dry;
+            strcpy(me->macaddr, "aa:bb:cc:00:00:01");
+            strcpy(me->mac2, "aa:bb:cc:00:00:02");
+            strcpy(me->mac5, "aa:bb:cc:00:00:03");
+            me->state = states[s];
+            g_dry_run = r.dry;
             int32_t rc = deliver(r.server, frame(r.type, r.body));
             if (rc == SYNC_ACCEPTED)   // the RE's loop applies an accepted configuration
                 rc = sync_init_re(me);
@@ -151,9 +164,9 @@ TEST_F(Proto, EveryStateAgainstEveryMessage)
                          : f[MSG_HDR_SIZE] > 2
                              ? '?'
                              : (f[5] == 5 ? 'a' : 's') - (f[MSG_HDR_SIZE] == 1 ? 0 : 'a' - 'A');
-            EXPECT_EQ(std::string(r.cells + 3 * s, 2), got)
-                << "role " << r.server << " type " << r.type << " state " << states[s];
-            EXPECT_TRUE(rc == (got[0] == 'x' ? -1 : 0) && scripts <= 1);
+            EXPECT_EQ(std::string(r.cells + 3 * s, 2), got);
+            EXPECT_EQ(got[0] == 'x' ? -1 : 0, rc);
+            EXPECT_LE(scripts, 1u);
         }
 }
 
@@ -161,8 +174,11 @@ TEST_F(Proto, EveryStateAgainstEveryMessage)
 // password of the right length that differs in one byte is refused; the RE's MACs are learnt.
 TEST_F(Proto, BoundariesOfFrameAndPassword)
 {
-    std::string good = pass_of(0), last = good, ninth = good;
-    last.back() ^= 1, ninth[8] ^= 1;
+    std::string good = pass_of(0);
+    std::string last = good;
+    std::string ninth = good;
+    last.back() ^= 1;
+    ninth[8] ^= 1;
     entity *e = cap;   // the CAP takes only the RE's key
     g_is_server = 1;
     const struct {
@@ -176,27 +192,31 @@ TEST_F(Proto, BoundariesOfFrameAndPassword)
                  {kId, 14, pass_of(1), 44, -1}, {kId, 14, last, 44, -1}};
     for (const auto &a : auths)
         EXPECT_EQ(a.rc, check_auth(e, a.id, a.id_len, a.pass.c_str(), a.len))
-            << a.pass << " " << a.len;
+            << "id " << a.id << ", password " << a.pass << " of " << a.len;
     EXPECT_EQ(e->state, ST_STOP);   // a wrong password ends the session
     g_is_server = 0;                // an RE takes only the CAP's key
-    EXPECT_TRUE(check_auth(e, kId, 14, pass_of(1).c_str(), 44) == 0 &&
-                check_auth(e, kId, 14, good.c_str(), 44) == -1);
+    EXPECT_EQ(0, check_auth(e, kId, 14, pass_of(1).c_str(), 44));
+    EXPECT_EQ(-1, check_auth(e, kId, 14, good.c_str(), 44));
     const struct {
         int len;
         uint16_t version;
         int32_t rc;
     } cases[] = {{2048, MSG_VERSION, 0}, {2049, MSG_VERSION, -1}, {163, 0x1002, -1}};
     for (const auto &c : cases) {
-        TearDown(), SetUp();
-        EXPECT_EQ(c.rc, deliver(1, frame(MSG_AUTH_REQ, auth_body(0, c.len), c.len, c.version)))
-            << c.len;
-        EXPECT_EQ(c.rc ? "" : "4aa:bb:cc:00:00:01aa:bb:cc:00:00:02aa:bb:cc:00:00:03",
-                  (c.rc ? "" : std::to_string(cap->state)) + cap->macaddr + cap->mac2 + cap->mac5);
+        SCOPED_TRACE("body of " + std::to_string(c.len) + ", version " + std::to_string(c.version));
+        TearDown();
+        SetUp();
+        EXPECT_EQ(c.rc, deliver(1, frame(MSG_AUTH_REQ, auth_body(0, c.len), c.len, c.version)));
+        EXPECT_EQ(c.rc ? ST_NONE : ST_AUTH_SENT, cap->state);
+        EXPECT_EQ(c.rc ? "" : "aa:bb:cc:00:00:01aa:bb:cc:00:00:02aa:bb:cc:00:00:03",
+                  std::string(cap->macaddr) + cap->mac2 + cap->mac5);   // the MACs learnt
     }
     // MACs are learnt once; a CAP that cannot send its configuration says so in its record.
     for (const char *initbuf : {"{}", ""}) {
-        TearDown(), SetUp();
-        strcpy(cap->mac5, "x"), cap->state = ST_AUTH_SENT;
+        TearDown();
+        SetUp();
+        strcpy(cap->mac5, "x");
+        cap->state = ST_AUTH_SENT;
         fake_sys_answer(MESH_INITBUF_CMD, initbuf);
         std::string out = captured(stdout, [&] {
             EXPECT_EQ(*initbuf ? 0 : -1, deliver(1, frame(MSG_AUTH_REPLY, reply(1))));
@@ -205,14 +225,16 @@ TEST_F(Proto, BoundariesOfFrameAndPassword)
                   *initbuf ? std::string(cap->mac5) : out);
     }
     // A text that fills the whole frame reaches the platform whole.
-    TearDown(), SetUp();
+    TearDown();
+    SetUp();
     re->state = ST_RUNNING;
-    std::string body = sync_body(""), text(MSG_BUF_SIZE - SYNC_TEXT_OFFSET, 't');
+    std::string text(MSG_BUF_SIZE - SYNC_TEXT_OFFSET, 't');
     ASSERT_EQ(SYNC_ACCEPTED,
-              deliver(0, frame(MSG_SYNC_REQ, body.substr(0, SYNC_TEXT_OFFSET) + text)));
+              deliver(0, frame(MSG_SYNC_REQ, sync_body("").substr(0, SYNC_TEXT_OFFSET) + text)));
     EXPECT_EQ(0, sync_init_re(re));
     char side[1024] = {0};
-    EXPECT_TRUE(f_string_read("/tmp/extra_wifi_param", side, 997) == 1 && side[996] == 't');
+    EXPECT_EQ(1, f_string_read("/tmp/extra_wifi_param", side, 997));
+    EXPECT_EQ(text.substr(0, 997), side);
 }
 
 // The CAP takes TLS 1.2 with an AEAD suite, and refuses older versions and SHA-MAC suites.
@@ -230,10 +252,12 @@ TEST_F(Proto, CapTlsPolicy)
     for (const auto &c : cases) {
         TearDown();
         SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
-        SSL_CTX_set_security_level(ctx, 0), SSL_CTX_set_max_proto_version(ctx, c.max),
-            SSL_CTX_set_cipher_list(ctx, c.ciphers);
+        SSL_CTX_set_security_level(ctx, 0);
+        SSL_CTX_set_max_proto_version(ctx, c.max);
+        SSL_CTX_set_cipher_list(ctx, c.ciphers);
         EXPECT_EQ(c.rc, tls_connect_pair(srv_ctx, ctx, &cap, &re)) << c.ciphers;
-        TearDown(), SSL_CTX_free(ctx);
+        TearDown();
+        SSL_CTX_free(ctx);
     }
 }
 
@@ -243,8 +267,10 @@ TEST_F(Proto, EntriesRefuseBadArguments)
     uint8_t b[64] = {0};
     char t[64] = "x";
     int p = 0;
-    entity nossl{}, broken = *cap;   // a record without its session
-    nossl.fd = cap->fd, broken.ssl = nullptr;
+    entity nossl{};
+    entity broken = *cap;   // a record without its session
+    nossl.fd = cap->fd;
+    broken.ssl = nullptr;
     WiFiConfig cfg{};
     g_is_server = 1;
     const int32_t rcs[] = {process_sync_req(nullptr, b),
@@ -302,8 +328,8 @@ TEST_F(Proto, EntriesRefuseBadArguments)
                            set_fd_timeout(open_null(), 1, 0)};
     for (size_t i = 0; i < sizeof(rcs) / sizeof(rcs[0]); i++)
         EXPECT_EQ(-1, rcs[i]) << "call " << i;
-    EXPECT_TRUE(cap->state == ST_SSL_DONE &&
-                read_raw(re).empty());   // untouched, and nothing was sent
+    EXPECT_EQ(ST_SSL_DONE, cap->state);   // untouched
+    EXPECT_EQ("", read_raw(re));          // nothing was sent
 }
 
 // The bytes a peer receives: the header; the record's fixed fields; the text up to its limit.
@@ -317,11 +343,13 @@ TEST_F(Proto, BytesOnTheWire)
     fake_sys_answer(MESH_INITBUF_CMD, std::string(952, 'j'));
     strcpy(g_locate, std::string(63, 'L').c_str());
     ASSERT_EQ(send_mesh_conf(cap), 0);
-    for (size_t n : {0, 953})   // nothing, one past the limit
-        EXPECT_EQ(-1, (fake_sys_answer(MESH_INITBUF_CMD, std::string(n, 'j')), send_mesh_conf(cap)))
-            << n;
+    for (size_t n : {0, 953}) {   // nothing, one past the limit
+        fake_sys_answer(MESH_INITBUF_CMD, std::string(n, 'j'));
+        EXPECT_EQ(-1, send_mesh_conf(cap)) << "text of " << n;
+    }
     g_is_server = 0;
-    std::string f = read_raw(re), r = f.substr(MSG_HDR_SIZE);
+    std::string f = read_raw(re);
+    std::string r = f.substr(MSG_HDR_SIZE);
     ASSERT_EQ(f.substr(2, 4) + r.substr(0, 2),
               std::string("\x07\xd4\x00\x06\x04\x00", 6));   // 2004 bytes, type 6; type 4, bsd off
     const std::string locale(62, 'L');                       // of 63, cut to 62 and the terminator
@@ -336,50 +364,62 @@ TEST_F(Proto, BytesOnTheWire)
         EXPECT_STREQ(fl.text, &r[fl.off]) << fl.off;
     EXPECT_EQ(r.substr(SYNC_TEXT_OFFSET), std::string(952, 'j') + '\0');
     EXPECT_EQ("", read_raw(re));   // the refused ones sent nothing
-    SSL_set_quiet_shutdown(cap->ssl, 0),
-        SSL_shutdown(cap->ssl);   // an orderly close frees the reader's record
-    EXPECT_TRUE(entity_read(re, (uint8_t *)&f[0], 4) == -1 && all_zero(re));
-    EXPECT_TRUE(ssl_accept(cap) == 0 &&
-                cap->state == ST_SSL_DONE);   // past ST_TCP_DONE: nothing to do
+    SSL_set_quiet_shutdown(cap->ssl, 0);
+    SSL_shutdown(cap->ssl);   // an orderly close frees the reader's record
+    EXPECT_EQ(-1, entity_read(re, (uint8_t *)&f[0], 4));
+    EXPECT_TRUE(all_zero(re));
+    EXPECT_EQ(0, ssl_accept(cap));   // past ST_TCP_DONE: nothing to do
+    EXPECT_EQ(ST_SSL_DONE, cap->state);
 }
 
 // Slots: seven peers, the eighth refused without a share; a release gives slot and share back
 // once (by generation); a second release closes no fd 0; a main record in service is released.
 TEST_F(Proto, SlotsSharesAndRelease)
 {
-    g_is_server = 1, g_ssl_ctx = srv_ctx;
-    int sv[2], first = -1, last = -1;
+    g_is_server = 1;
+    g_ssl_ctx = srv_ctx;
+    int first = -1;
+    int last = -1;
     for (int i = 2; i < ENT_POOL_SIZE; i++) {   // the first and the last peer on socketpairs
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv));
-        (i == 2 ? first : last) = sv[1];
-        if (i != 2 && i != ENT_POOL_SIZE - 1)
-            close(sv[0]), close(sv[1]), sv[0] = open_null(), last = -1;
+        int sv[2] = {open_null(), -1};
+        if (i == 2 || i == ENT_POOL_SIZE - 1) {
+            close(sv[0]);
+            ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv));
+            (i == 2 ? first : last) = sv[1];
+        }
         ASSERT_EQ(new_entity("peer", sv[0], 0), &ent_pool[i]);
     }
     int fd = open_null();
-    EXPECT_TRUE(new_entity("peer", fd, 0) == nullptr && g_srving_cnt == 7 &&
-                fcntl(fd, F_GETFD) != -1);
+    EXPECT_EQ(nullptr, new_entity("peer", fd, 0));
+    EXPECT_EQ(7, g_srving_cnt);
+    EXPECT_NE(-1, fcntl(fd, F_GETFD));   // the refused peer's socket is the caller's
     uint32_t gen = ent_gen(&ent_pool[3]);
     free_entity(&ent_pool[3]);
-    EXPECT_TRUE(all_zero(&ent_pool[3]) && g_srving_cnt == 6);
+    EXPECT_TRUE(all_zero(&ent_pool[3]));
+    EXPECT_EQ(6, g_srving_cnt);
     entity *again = new_entity("peer", fd, 0);
     ASSERT_EQ(again, &ent_pool[3]);
     EXPECT_EQ(pass_of(1, again->id), again->pass);   // a fresh id, signed with the CAP's key
-    EXPECT_TRUE(again->slot == 3 && again->start_ts == 100 &&
-                strspn(again->id, "0123456789abcdef") == 14);
-    EXPECT_EQ(0, ent_release_share(3, gen) +
-                     ent_release_share(0, ent_gen(&ent_pool[0])));   // stale generation; no peer
-    EXPECT_EQ(1, ent_release_share(3, ent_gen(again)) +
-                     ent_release_share(3, ent_gen(again)));   // once
+    EXPECT_EQ(14u, strspn(again->id, "0123456789abcdef"));
+    EXPECT_EQ(3, again->slot);
+    EXPECT_EQ(100u, again->start_ts);
+    EXPECT_EQ(0, ent_release_share(3, gen));                     // stale generation
+    EXPECT_EQ(0, ent_release_share(0, ent_gen(&ent_pool[0])));   // no peer
+    EXPECT_EQ(1, ent_release_share(3, ent_gen(again)));
+    EXPECT_EQ(0, ent_release_share(3, ent_gen(again)));   // once
     EXPECT_EQ(6, g_srving_cnt);
-    ent_hand_over(&ent_pool[2]), ent_hand_over(&ent_pool[7]);   // owned by running threads
+    ent_hand_over(&ent_pool[2]);   // owned by running threads
+    ent_hand_over(&ent_pool[7]);
     disconnect_others(cap);   // their sockets go, their records stay with their threads
-    char c;
-    EXPECT_TRUE(recv(first, &c, 1, 0) == 0 && recv(last, &c, 1, 0) == 0 && ent_pool[2].ssl &&
-                ent_pool[7].ssl);
-    ent_hand_back(&ent_pool[2]), ent_hand_back(&ent_pool[7]);
-    EXPECT_EQ(-1, recv(re->fd, &c, 1, MSG_DONTWAIT));   // the kept peer's socket stays
-    close(first), close(last);
+    EXPECT_EQ(0, recv_one(first));
+    EXPECT_EQ(0, recv_one(last));
+    EXPECT_NE(nullptr, ent_pool[2].ssl);
+    EXPECT_NE(nullptr, ent_pool[7].ssl);
+    ent_hand_back(&ent_pool[2]);
+    ent_hand_back(&ent_pool[7]);
+    EXPECT_EQ(-1, recv_one(re->fd));   // the kept peer's socket stays
+    close(first);
+    close(last);
     current = 0;
     entity *young = &ent_pool[4];
     young->start_ts = 0;
@@ -388,15 +428,20 @@ TEST_F(Proto, SlotsSharesAndRelease)
     g_is_server = 0;
     free_entity(young);
     if (fcntl(0, F_GETFD) == -1)
-        open_null();                                           // the lowest free number: 0
-    free_entity(young), g_is_server = 1, free_entity(young);   // a second release in either role
+        open_null();   // the lowest free number: 0
+    free_entity(young);
+    g_is_server = 1;
+    free_entity(young);   // a second release in either role
     EXPECT_NE(-1, fcntl(0, F_GETFD));
     fd = re->fd;
-    g_is_server = 0, g_ssl_ctx = clt_ctx, current = 100;
+    g_is_server = 0;
+    g_ssl_ctx = clt_ctx;
+    current = 100;
     ASSERT_EQ(main_ent = new_entity("RE", open_null(), 1), &ent_pool[0]);
     EXPECT_EQ(-1, fcntl(fd, F_GETFD));   // the old main record was still connected: released first
     entity_disconnect(main_ent);
-    EXPECT_TRUE(main_ent->fd == -1 && main_ent->ssl);
+    EXPECT_EQ(-1, main_ent->fd);
+    EXPECT_NE(nullptr, main_ent->ssl);
     EXPECT_EQ(nullptr, new_entity("RE", -1, 1));
 }
 
