@@ -18,9 +18,12 @@ void reset(int is_server)
 {
     memset(ent_pool, 0, sizeof(ent_pool));
     main_ent = nullptr;
-    g_srving_cnt = ip_changed = 0;
+    g_srving_cnt = 0;
+    ip_changed = 0;
     current = uptime();
-    g_is_server = is_server, log_mode = LOG_MODE_STDERR, log_level = 0;
+    g_is_server = is_server;
+    log_mode = LOG_MODE_STDERR;
+    log_level = 0;
     if (!g_ssl_ctx)
         g_ssl_ctx = SSL_CTX_new(TLS_method());
     fake_sys_install();
@@ -61,8 +64,16 @@ TEST(Stops, EveryPhaseEndsAtOnce)
                        raise(SIGUSR1);
                        sig_safe_point();
                    }},
-                  {"a command", 255, [] { sys_set_ops(nullptr), sys_system("kill $PPID"); }},
-                  {"the probe", 255, [] { raise(SIGTERM), dd_clt_probe("lo", g_cap_ip); }},
+                  {"a command", 255,
+                   [] {
+                       sys_set_ops(nullptr);
+                       sys_system("kill $PPID");
+                   }},
+                  {"the probe", 255,
+                   [] {
+                       raise(SIGTERM);
+                       dd_clt_probe("lo", g_cap_ip);
+                   }},
                   {"the RE's end", 255,
                    [] {
                        fake_sys_answer("uci -q get veltrasso.common.INITTED", "YES\n");
@@ -119,8 +130,10 @@ TEST(Stops, StopInsideTheHandlingOfAnotherSignal)
     g_sig_cut_fd = sv[0];
     sig_handler(SIGINT);
     EXPECT_EQ(recv(sv[1], &c, 1, MSG_DONTWAIT), 0);
-    g_sig_stop = 0, g_sig_cut_fd = -1;
-    close(sv[0]), close(sv[1]);
+    g_sig_stop = 0;
+    g_sig_cut_fd = -1;
+    close(sv[0]);
+    close(sv[1]);
 }
 
 // The sweep gives back an overdue peer's share but not the mesh lock its thread holds (it may
