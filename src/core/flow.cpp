@@ -20,6 +20,7 @@
 #include "util/addr.h"
 #include "util/log.h"
 #include "util/proc.h"
+#include "util/shell.h"
 #include "util/sig.h"
 #include "util/sys.h"
 
@@ -257,6 +258,10 @@ static int32_t re_clash(void)
 
 static void re_set_lan_ip(const char *ip)
 {
+    // The address comes from the gateway file: it reaches a shell line only
+    // without metacharacters.
+    if (check_injection(ip) != 0)
+        return;
     // Noted before the command runs, so that a stop in between restores it.
     re_lan_moved = strcmp(ip, g_default_lan_ip) != 0;
     char cmd[256];

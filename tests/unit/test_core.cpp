@@ -329,10 +329,13 @@ TEST(Flow, ReLoopClashesBothWays)
                       "br-lan 192.168.77.1";
     const std::vector<std::string> none, moved = {wan, fac},
                                          restart = {wan, fac, "killall -9 udhcpc"};
+    const std::vector<std::string> refused = {fac, "killall -9 udhcpc"};
     const struct {
         const char *gw, *cap, *link;
         const std::vector<std::string> &cmds;
-    } cases[] = {{"10.0.0.1", "10.0.0.1", "wan: up\n", none},
+        const char *own = "10.0.0.20";   // the uplink's own address
+    } cases[] = {{"10.0.0.1", "", "wan: up\n", refused, "10.0.0.2;reboot"},   // never to a shell
+                 {"10.0.0.1", "10.0.0.1", "wan: up\n", none},
                  {"192.168.77.1", "", "wan: up\n", restart},
                  {"10.0.0.1", "192.168.77.1", "wan: up\n", restart},
                  {"10.0.0.1", "", "wan: up\n", restart},             // no CAP address yet: a clash
@@ -340,8 +343,8 @@ TEST(Flow, ReLoopClashesBothWays)
                  {"192.168.77.1", "", "wan: down\n", none},
                  {"192.168.77.1", nullptr, "wan: up\n", none}};   // not ready
     for (const auto &c : cases) {
-        SCOPED_TRACE(std::string("gateway ") + c.gw + ", CAP " + (c.cap ? c.cap : "not known") +
-                     ", " + c.link);
+        SCOPED_TRACE(std::string("gateway ") + c.gw + ", own " + c.own + ", CAP " +
+                     (c.cap ? c.cap : "not known") + ", " + c.link);
         reset(0);
         fake_sys_answer("/sbin/linkprobe link", c.link);
         int looks = 0;
@@ -349,7 +352,7 @@ TEST(Flow, ReLoopClashesBothWays)
             if (cmd == "uci -q get veltrasso.common.INITTED" && ++looks == 2)
                 fake_sys_answer(cmd, "YES\n");
         });
-        std::string gwfile = std::string(c.gw) + (c.cap ? "\n10.0.0.20\n" : "\n");
+        std::string gwfile = std::string(c.gw) + "\n" + (c.cap ? c.own : "") + "\n";
         f_string_write(GW_IP_FILE, gwfile.c_str(), (uint32_t)gwfile.size());
         strcpy(g_cap_ip, c.cap ? c.cap : "");
         g_ifname[0] = 0;
