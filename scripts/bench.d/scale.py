@@ -221,23 +221,23 @@ def section(ctx, rows, period, head, body):
     return "\n".join(a)
 
 
-def splice(doc, sec):
-    """doc with its SECTION replaced by sec (appended when it has none)."""
-    start = doc.find("\n" + SECTION)
+def splice(doc, sec, title=SECTION):
+    """doc with its section title replaced by sec (appended when it has none)."""
+    start = doc.find("\n" + title)
     if start < 0:
         return doc.rstrip("\n") + "\n\n" + sec
     end = doc.find("\n## ", start + 1)
     return doc[:start + 1] + sec + ("\n" + doc[end + 1:] if end >= 0 else "")
 
 
-def kept(path):
-    """The SECTION of the file at path, for a rewrite of the rest of it."""
+def kept(path, title=SECTION):
+    """The section title of the file at path, for a rewrite of the rest of it."""
     try:
         with open(path) as f:
             doc = f.read()
     except OSError:
         return ""
-    start = doc.find("\n" + SECTION)
+    start = doc.find("\n" + title)
     if start < 0:
         return ""
     end = doc.find("\n## ", start + 1)
