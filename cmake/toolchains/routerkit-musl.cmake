@@ -19,6 +19,12 @@ execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=include
                 OUTPUT_VARIABLE plaitd_gcc_include OUTPUT_STRIP_TRAILING_WHITESPACE)
 set(CMAKE_C_FLAGS_INIT "-specs=${PLAITD_SYSROOT}/musl.specs")
 set(CMAKE_CXX_FLAGS_INIT "-specs=${PLAITD_SYSROOT}/musl.specs -nostdinc -nostdinc++ -isystem ${PLAITD_SYSROOT}/usr/include -isystem ${plaitd_gcc_include}")
+# Debian's libgcc finds the CPU's atomics through glibc's __getauxval, which
+# musl's libc.so does not export: inline atomics on arm64 (as the kit's libraries).
+if(PLAITD_CPU STREQUAL "aarch64")
+  string(APPEND CMAKE_C_FLAGS_INIT " -mno-outline-atomics")
+  string(APPEND CMAKE_CXX_FLAGS_INIT " -mno-outline-atomics")
+endif()
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-z,max-page-size=4096")
 set(CMAKE_CXX_LINK_EXECUTABLE
     "<CMAKE_C_COMPILER> <FLAGS> <CMAKE_CXX_LINK_FLAGS> <LINK_FLAGS> <OBJECTS> -o <TARGET> <LINK_LIBRARIES>")
