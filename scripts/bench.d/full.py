@@ -167,6 +167,6 @@ def full(args):
     summary, doc = report(ctx)
     print_summary(ctx, summary)
     if not args.no_doc:
-        # Sections other runs write: --scale's, and the emulated routers' (by hand).
-        bl.write_doc(doc, keep=(scale.SECTION, "## Emulated routers"))
+        # Sections other runs write: --scale's, scripts/routerkit's and the emulated routers'.
+        bl.write_doc(doc, keep=(scale.SECTION, "## Router builds", "## Emulated routers"))
         bl.log("wrote docs/performance.md")

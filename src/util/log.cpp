@@ -9,6 +9,20 @@
 int32_t log_level = 7;
 int32_t log_mode = LOG_MODE_SYSLOG;
 static int log_opened;
+static int log_announced;
+
+// The syslog connection opens with the first message of either kind, under
+// the daemon's name and at once (LOG_NDELAY). musl keeps the socket its
+// first syslog() opens for good, so a lazy open would add a descriptor in
+// the middle of a run (with the first status record); and it names records
+// sent before any openlog() with nothing, where glibc takes the program name.
+static void log_open(void)
+{
+    if (log_opened)
+        return;
+    log_opened = 1;
+    openlog("plaitd", LOG_PID | LOG_NDELAY, LOG_DAEMON);
+}
 
 static long log_tid(void)
 {
@@ -23,9 +37,9 @@ void log_(int32_t pri, const char *func, uint32_t line, const char *fmt, ...)
         fputs("cmd;log level error\n ", stderr);
         return;
     }
-    if (!log_opened) {
-        log_opened = 1;
-        openlog("plaitd", LOG_PID, LOG_DAEMON);
+    if (!log_announced) {
+        log_announced = 1;
+        log_open();
         if (log_level >= 3)
             log_(3, "log_init", __LINE__, "enable log with level: %d\n", log_level);
     }
@@ -60,6 +74,7 @@ int32_t log_mode_set(uint32_t mode)
 
 void report_status(const char *fmt, ...)
 {
+    log_open();
     va_list ap, ap2;
     va_start(ap, fmt);
     va_copy(ap2, ap);

@@ -19,6 +19,7 @@ def test_whole_pairing(make_lab):
     for f in MACLISTS:
         lab.re.write(f, "stale")
     cap = lab.cap.start_cap()
+    fds = cap.figures()[0]   # the status records add no descriptor (the syslog socket is open from the start)
     re_ = lab.re.plaitd("-C", "-o", "-i", "eth4")
     re_.wait_log("dd_clt: no CAP found in L2-net. just exit. \n", 10)
     lab.dhcp_uplink()
@@ -46,6 +47,7 @@ def test_whole_pairing(make_lab):
     assert [lab.re.read(f) for f in MACLISTS] + [r.read(routerlab.LOCK) for r in lab.routers] == [None] * 4
     assert lab.re.ipv4("br-lan") == [ip]   # the clash moved br-lan to the uplink's address
     assert lab.re.sh("uci -q get network.lan.ipaddr").stdout.strip() == ip
+    assert routerlab.wait_until(lambda: cap.figures()[0] == fds, 5), (fds, cap.figures())
     # a sanitizer build (the TSan pass runs this test) reports nothing, stop included
     assert cap.stop() == 255 and "Sanitizer" not in cap.log() + re_.log(), cap.log()[-3000:]
 

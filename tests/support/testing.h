@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sched.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
