@@ -80,6 +80,23 @@ inline std::string captured(FILE *s, const std::function<void()> &fn)
 
 // One byte from fd, without waiting unless told: 0 when the other end closed or shut down, -1
 // when it is open with nothing to read.
+// A fresh process state for one case: empty pool, no share, the stamp `now`, the log quiet, a
+// TLS context, the command recorder installed.
+inline void reset_state(int is_server, int32_t now)
+{
+    memset(ent_pool, 0, sizeof(ent_pool));
+    main_ent = nullptr;
+    g_srving_cnt = 0;
+    current = now;
+    ip_changed = 0;
+    g_is_server = is_server;
+    log_mode = LOG_MODE_STDERR;
+    log_level = 0;
+    if (!g_ssl_ctx)
+        g_ssl_ctx = SSL_CTX_new(TLS_method());
+    fake_sys_install();
+}
+
 inline int recv_one(int fd, int flags = MSG_DONTWAIT)
 {
     char c;

@@ -11,17 +11,7 @@ const bool net_ok = netns_enter_private();   // port 19553 and broadcasts on a l
 
 void reset(int is_server)
 {
-    memset(ent_pool, 0, sizeof(ent_pool));
-    main_ent = nullptr;
-    g_srving_cnt = 0;
-    current = 0;
-    ip_changed = 0;
-    g_is_server = is_server;
-    log_mode = LOG_MODE_STDERR;
-    log_level = 0;
-    if (!g_ssl_ctx)
-        g_ssl_ctx = SSL_CTX_new(TLS_method());
-    fake_sys_install();
+    reset_state(is_server, 0);
 }
 
 // Ethernet + IPv4 (ihl words) + UDP carrying `payload`; udp_len >= 0 overrides the UDP length.

@@ -16,17 +16,7 @@ const bool net_ok = netns_enter_private();
 
 void reset(int is_server)
 {
-    memset(ent_pool, 0, sizeof(ent_pool));
-    main_ent = nullptr;
-    g_srving_cnt = 0;
-    ip_changed = 0;
-    current = uptime();
-    g_is_server = is_server;
-    log_mode = LOG_MODE_STDERR;
-    log_level = 0;
-    if (!g_ssl_ctx)
-        g_ssl_ctx = SSL_CTX_new(TLS_method());
-    fake_sys_install();
+    reset_state(is_server, uptime());
 }
 
 // From here fcntl(F_SETFD) fails: a socket is close-on-exec only if it was made so. False
