@@ -185,6 +185,7 @@ void cleanup_mesh_cable(void)
         free_entity(&ent_pool[i]);
     if (main_ent)
         free_entity(main_ent);
+    dd_clt_probe_end();
     switch_conning_light(0);
     pthread_mutex_lock(&lock);   // as the peer threads and the responder use it
     tolvaRemoveMeshLock();

@@ -164,8 +164,19 @@ int dd_srv_probe(const char *ifname)
     return -1;
 }
 
+// The raw socket of the last probe that found a CAP. Closing a packet socket
+// waits a network grace period (some 16 ms) that the pairing which follows
+// need not wait for: it is closed by the next probe or the clean-up.
+static int32_t found_raw = -1;
+
+void dd_clt_probe_end(void)
+{
+    dd_destory_sockfd(&found_raw);
+}
+
 int dd_clt_probe(const char *ifname, char *cap_ip)
 {
+    dd_clt_probe_end();
     char local_ip[IP_TEXT_LEN];
     memset(local_ip, 0, sizeof(local_ip));
     if (ifname && ifname[0] && get_iface_ip(ifname, local_ip, IP_TEXT_LEN) != 0) {
@@ -212,6 +223,10 @@ int dd_clt_probe(const char *ifname, char *cap_ip)
             continue;
         ret = 0;
         break;
+    }
+    if (ret == 0) {
+        found_raw = raw;
+        raw = -1;
     }
     dd_destory_sockfd(&sender);
     dd_destory_sockfd(&raw);

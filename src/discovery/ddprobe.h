@@ -15,5 +15,7 @@ int dd_srv_handle(char *buf, int size, const char *local_ip);
 int dd_clt_match(const char *buf, char *cap_ip);
 void *dd_srv_loop(void *ifname);
 int dd_clt_probe(const char *ifname, char *cap_ip);
+// Closes what a probe that found a CAP kept open (its raw socket).
+void dd_clt_probe_end(void);
 // Set by the responder when the CAP's address changed: the server restarts.
 extern int32_t ip_changed;

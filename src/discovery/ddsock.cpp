@@ -74,7 +74,11 @@ int set_fd_timeout(int fd, int seconds, int milliseconds)
 
 int dd_create_rawfd(const char *ifname)
 {
-    int32_t fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(0x0800));
+    // Bound to an interface, the socket takes its protocol at the bind: given
+    // here as well, the bind would first drop the hook the socket call set,
+    // and wait a network grace period for it (some 8 ms of every probe).
+    const bool bound = ifname && ifname[0];
+    int32_t fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, bound ? 0 : htons(0x0800));
     if (fd < 0) {
         LOG(3, "dd_create_rawfd: create fd failed. %s\n", strerror(errno));
         return -1;
