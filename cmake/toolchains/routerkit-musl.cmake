@@ -1,6 +1,6 @@
 # Router build against a musl sysroot made by scripts/routerkit (which writes
 # the kit's toolchain.cmake: PLAITD_TRIPLET, PLAITD_CPU, PLAITD_SYSROOT, then
-# includes this file). C compiles and links through the kit's spec file (in the
+# includes this file). C compiles and links through the kit's gcc driver file (in the
 # compile flags, which the link repeats), so
 # nothing of the cross toolchain's glibc is seen. The daemon includes C headers
 # only: C++ compiles against musl's headers and the compiler's own, and links
@@ -17,8 +17,8 @@ set(CMAKE_C_COMPILER_RANLIB ${CMAKE_RANLIB})
 set(CMAKE_CXX_COMPILER_RANLIB ${CMAKE_RANLIB})
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=include
                 OUTPUT_VARIABLE plaitd_gcc_include OUTPUT_STRIP_TRAILING_WHITESPACE)
-set(CMAKE_C_FLAGS_INIT "-specs=${PLAITD_SYSROOT}/musl.specs")
-set(CMAKE_CXX_FLAGS_INIT "-specs=${PLAITD_SYSROOT}/musl.specs -nostdinc -nostdinc++ -isystem ${PLAITD_SYSROOT}/usr/include -isystem ${plaitd_gcc_include}")
+set(CMAKE_C_FLAGS_INIT "-specs=${PLAITD_SYSROOT}/musl.gcc")
+set(CMAKE_CXX_FLAGS_INIT "-specs=${PLAITD_SYSROOT}/musl.gcc -nostdinc -nostdinc++ -isystem ${PLAITD_SYSROOT}/usr/include -isystem ${plaitd_gcc_include}")
 # Debian's libgcc finds the CPU's atomics through glibc's __getauxval, which
 # musl's libc.so does not export: inline atomics on arm64 (as the kit's libraries).
 if(PLAITD_CPU STREQUAL "aarch64")
@@ -29,10 +29,5 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-z,max-page-size=4096")
 set(CMAKE_CXX_LINK_EXECUTABLE
     "<CMAKE_C_COMPILER> <FLAGS> <CMAKE_CXX_LINK_FLAGS> <LINK_FLAGS> <OBJECTS> -o <TARGET> <LINK_LIBRARIES>")
 set(CMAKE_FIND_ROOT_PATH ${PLAITD_SYSROOT})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-set(ENV{PKG_CONFIG_LIBDIR} ${PLAITD_SYSROOT}/usr/lib/pkgconfig)
-set(ENV{PKG_CONFIG_SYSROOT_DIR} ${PLAITD_SYSROOT})
+include(${CMAKE_CURRENT_LIST_DIR}/routerkit-find.cmake)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${PLAITD_CPU}-static)
