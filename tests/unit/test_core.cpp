@@ -213,6 +213,10 @@ TEST(Server, AcceptOneAtATimeAndGiveBackOnThreadFailure)
     len = sizeof(idle);
     EXPECT_EQ(0, getsockopt(created->fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, &len));
     EXPECT_EQ(3, idle);
+    // Each message leaves at once, not after the peer's delayed ACK of the one before.
+    int nodelay = 0;
+    EXPECT_EQ(0, getsockopt(created->fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, &len));
+    EXPECT_EQ(1, nodelay);
     EXPECT_EQ(0, handle_new_connection(&listener));
     EXPECT_EQ(0, recv_one(second, 0));   // turned away
     EXPECT_EQ(-1, recv_one(first));
@@ -220,6 +224,11 @@ TEST(Server, AcceptOneAtATimeAndGiveBackOnThreadFailure)
     EXPECT_EQ(nullptr, ent_pool[2].ssl);
     ent_hand_back(created);
     server_thread_create = sig_thread_create;
+    ASSERT_EQ(0, setup_service("RE", "lo", "", 0));   // the RE's one connection, likewise
+    nodelay = 0;
+    EXPECT_EQ(0, getsockopt(main_ent->fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, &len));
+    EXPECT_EQ(1, nodelay);
+    free_entity(main_ent);
     free_entity(created);
     EXPECT_EQ(0, g_srving_cnt);
     close(cfd);
