@@ -24,11 +24,17 @@
 #include "util/sig.h"
 #include "util/sys.h"
 
+// One usage line a line, as printed.
+// clang-format off
 static constexpr const char *usage_lines[] = {
-    "-C                  mode client", "-S                  mode server",
-    "-d                  dry run",     "-i ifname           bind interface",
-    "-l level            log level",   "-o                  log out to stderr, default to syslog",
+    "-C                  mode client",
+    "-S                  mode server",
+    "-d                  dry run",
+    "-i ifname           bind interface",
+    "-l level            log level",
+    "-o                  log out to stderr, default to syslog",
 };
+// clang-format on
 static_assert(sizeof(usage_lines) / sizeof(usage_lines[0]) == 6, "six usage lines");
 
 void usage(void)
