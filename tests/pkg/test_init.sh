@@ -33,7 +33,14 @@ netifd() {  # var network field: $nets lists netifd's networks as name:l3_device
 uci() { echo "$cfg_interface"; }
 ubus() { [ -n "$procd" ] && rec "|ubus $*"; }
 kill() { if [ "$1" = -l ]; then echo 10; else rec "|kill $*"; fi; }
+extra_command() { :; }
+_procd_status() { echo "not running"; }
 init() { . "$files/plaitd.init"; "$@"; }
+at() {  # uptime [end of the open pairing window]
+	echo "$1.61 9.03" > "$IPKG_INSTROOT/proc/uptime"
+	[ -z "$2" ] || echo "$2" > "$IPKG_INSTROOT/var/run/plaitd.window"
+}
+gone() { [ -e "$IPKG_INSTROOT/var/run/plaitd.window" ] || rec "|gone"; }
 hook() {  # event [comm of the PID in the pidfile]; a lease of wan on eth4
 	interface=${interface-eth4} INTERFACE=${INTERFACE-wan} ip=192.168.77.120 router="192.168.77.1 10.0.0.9"
 	echo "${2:-plaitd}" > "$IPKG_INSTROOT/proc/4242/comm"
@@ -59,9 +66,12 @@ check() {
 		fails=$((fails + 1))
 	fi
 }
+. "$files/plaitd.init"  # $PLAITD_TIMER: the text of the pairing window's timer
 run="/usr/sbin/plaitd" end="stderr 1|pidfile /var/run/plaitd.pid|close"
 cap="option role 'cap'\noption interface 'lan'\noption log_level '7'" re="option interface 'wan'"
 lease="|gw 192.168.77.1 192.168.77.120 "
+win="$cap\noption pair_window '120'" lan="nets=lan:br-lan:br-lan" json=/var/run/plaitd.json
+capw="open|command $run -S -i br-lan -l 7|respawn 3600 5 5|$end" timer="open|command /bin/sh -c $PLAITD_TIMER /etc/init.d/plaitd"
 
 check packaged "" "init start_service" 0 "open|command $run -C -l 2|$end"
 check cap-lan-up "$cap" "nets=lan:br-lan:br-lan; init start_service" 0 "open|command $run -S -i br-lan -l 7|respawn 3600 5 5|$end"
@@ -74,6 +84,22 @@ check triggers-packaged "" "init service_triggers" 0 "|reload on plaitd"
 check reload-re-ended "$re" "init reload_service" 0 ""
 check reload-re-running "$re" "running=1 nets=wan:eth4:eth4; init reload_service" 0 "open|command $run -C -i eth4 -l 2|$end"
 check reload-cap-given-up "$cap" "nets=lan:br-lan:br-lan; init reload_service" 0 "open|command $run -S -i br-lan -l 7|respawn 3600 5 5|$end"
+# pair_window: the CAP only in a window that "pair" opens; its timer's "expire" drops CAP and timer.
+check window-closed "$win" "at 1120 1120; init start_service; gone" 0 "|gone"
+check window-pair "$win" "$lan; at 1000; init pair" 0 "$capw$timer 1120|close"
+check window-second-press "$win" "$lan; at 1100 1120; init pair" 0 "$capw$timer 1220|close"
+check window-reload-open "$win" "$lan; at 1100 1120; init reload_service" 0 "$capw$timer 1120|close"
+check window-expire "$win" "at 1120 1120; init expire 1120; gone" 0 "|gone"
+check window-expire-old-timer "$win" "$lan; at 1130 1220; init expire 1120" 0 "$capw$timer 1220|close"
+check window-bad-value "$cap\noption pair_window '2m'" "$lan; at 1000; init pair" 0 "$capw$timer 1120|close"
+check window-zero "$cap\noption pair_window '0'" "$lan; init pair; rec \"|\$?\"; init start_service" 0 "|1$capw"
+check window-re "option pair_window '9'" "at 1000; init pair; rec \"|\$?\"; init start_service" 0 "|1open|command $run -C -l 2|$end"
+check status-open "$win" "at 1100 1120; echo '{}' > \$IPKG_INSTROOT$json; rec \"\$(init status_service | tr '\n' '|')\"" 0 "not running|pairing window open, 20 s left|{}|"
+# The timer itself, on a window of 1 s: it runs the script's "expire" with the window's end.
+printf '#!/bin/sh\necho "$*" > "%s/expired"\n' "$tmp" > "$tmp/plaitd" && chmod +x "$tmp/plaitd"
+read -r up rest < /proc/uptime
+busybox sh -c "$PLAITD_TIMER" "$tmp/plaitd" $((${up%%.*} + 1))
+[ "$(cat "$tmp/expired")" = "expire $((${up%%.*} + 1))" ] || { echo "FAIL timer: $(cat "$tmp/expired")"; fails=$((fails + 1)); }
 check hook-plaitd "" "hook bound" 0 "|kill -USR1 4242$lease"
 check hook-stranger "" "hook renew sleep" 0 "$lease"
 check hook-procd "" "procd=1; hook renew" 0 "|ubus call service signal {\"name\":\"plaitd\",\"signal\":10}$lease"
