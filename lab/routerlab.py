@@ -27,6 +27,7 @@ RE_MAC = "28:6C:07:20:00:01"   # the first RE's uplink (Router.mac); the CAP's i
 ROUTER_ENV = {"PATH": "/bin:/sbin:/usr/bin:/usr/sbin", "HOME": "/root", "TERM": "dumb"}
 CALLS = "/tmp/lab-calls.log"
 LISTENING, LOCK = "enter server looping....\n", "/var/run/plaitd.lock"   # the CAP listens; the mesh lock
+STATUS = "/var/run/plaitd.json"   # the daemon's status file
 VALGRIND_BINS = ("/usr/bin/valgrind", "/usr/bin/valgrind.bin")   # Lab(valgrind=True)
 VALGRIND_LIBEXEC = "/usr/libexec/valgrind"
 PROC_PIDS = 4096   # /proc/<pid> links for the router's own pids (LeakSanitizer reads them)

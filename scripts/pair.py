@@ -3,7 +3,7 @@
 
 CAP: plaitd -S -i br-lan      RE: plaitd -C -i eth4 (uplink address by DHCP)
 Both log to their router's syslog (busybox syslogd), as on a router. Prints
-the timeline, both logs, the status records, the platform calls of each side
+the timeline (with each phase of both status files as it changes), both logs, the status records, the platform calls of each side
 and a one-line verdict. Exit status 0 when the routers paired.
 
 --emulated: the same pairing between two emulated MIPS routers (qemu Malta
@@ -11,6 +11,7 @@ boards, lab/emulab.py) from the kit in $EMU_KIT, with PLAITD_BIN a static
 mipsel build; the pairing time is measured by the RE's own clock.
 """
 import base64
+import json
 import os
 import shlex
 import sys
@@ -52,6 +53,27 @@ def start_syslog(router):
         raise RuntimeError(f"{router.name}: syslogd did not start")
 
 
+def status(router):
+    """The router's status file as read (None when missing or caught half-made)."""
+    try:
+        return json.loads(router.read(rl.STATUS) or "null")
+    except ValueError:
+        return None
+
+
+def phases(lab, seen):
+    """Narrates each router's status-file phase that differs from seen[name]; the CAP's phase."""
+    for r in lab.routers:
+        st = status(r)
+        if st and st["phase"] != seen.get(r.name):
+            seen[r.name] = st["phase"]
+            peer, fail = st["peer"], st["last_failure"]
+            why = f" ({fail['reason']} in {fail['phase']})" if st["phase"] == "failed" else ""
+            who = f", peer {peer['addr']} {peer['mac']}".rstrip() if peer["addr"] else ""
+            say(f"{r.name.upper() + ':':4} status {st['phase']}{why}{who}, attempts {st['attempts']}")
+    return seen.get("cap")
+
+
 def pair(lab):
     say(f"lab up: routers {lab.cap.ns} and {lab.re.ns}, cable eth0 (CAP br-lan) <-> eth4 (RE)")
     for r in lab.routers:
@@ -62,11 +84,18 @@ def pair(lab):
     cap = lab.cap.plaitd("-S", "-i", "br-lan")
     rl.wait_until(lambda: "enter broadcast recving loop" in "\n".join(syslog(lab.cap)), 10)
     say("CAP: plaitd -S -i br-lan is answering discovery and listening on TCP 19553")
+    seen = {}
+    phases(lab, seen)
     t_re = time.monotonic()
     re_ = lab.re.plaitd("-C", "-i", "eth4")
     say("RE:  plaitd -C -i eth4 started")
-    rc = re_.wait(TIMEOUT)
+    rc = None
+    while rc is None and time.monotonic() - t_re < TIMEOUT:   # the status files polled every 5 ms
+        phases(lab, seen)
+        rc = re_.wait(0.005)
     took = time.monotonic() - t_re
+    phases(lab, seen)
+    rl.wait_until(lambda: phases(lab, seen) == "paired", 3, 0.005)
     rl.wait_until(lambda: lab.cap.calls("mesh_setup.sh"), 3)
     say(f"RE:  exited with status {rc}" if rc is not None else f"RE:  still running after {TIMEOUT}s")
     return cap, re_, rc, took
@@ -96,6 +125,8 @@ def report(lab, cap, re_, rc, took, clock=""):
     section("RE log (syslog)", syslog(lab.re))
     section("status records (CAP stdout)", records(cap))
     section("status records (RE stdout)", records(re_))
+    for r in lab.routers:
+        section(f"status file {rl.STATUS} ({r.name.upper()})", (r.read(rl.STATUS) or "").splitlines())
     for r in lab.routers:
         section(f"platform calls ({r.name.upper()})",
                 [c for c in r.calls() if c.split(" ", 1)[0] in PLATFORM])

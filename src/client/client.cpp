@@ -17,6 +17,7 @@
 #include "util/addr.h"
 #include "util/log.h"
 #include "util/proc.h"
+#include "util/pstat.h"
 #include "util/sig.h"
 
 int32_t g_timer_flag = 0;
@@ -46,11 +47,13 @@ int32_t start_mesh_client(const char *ifname, const char *local_ip, const char *
         LOG(3, "setup entity failed.\n");
         return -1;
     }
+    pstat_begin(PS_CONNECTING, cap_ip);
     client_open_timer();
     if (client_connect(main_ent, cap_ip) != 0)
         return -1;
     client_loop();
     client_close_timer();
+    pstat_fail("CONNECT_FAILED");   // unless it ended paired or failed already
     return g_is_success ? 0 : -1;
 }
 
@@ -82,6 +85,7 @@ int32_t client_connect(entity *ent, const char *cap_ip)
         goto fail;
     }
     change_state(ent, ST_TCP_DONE);
+    pstat_phase(PS_TLS);
 
     rc = SSL_connect(ent->ssl);
     sig_safe_point();
@@ -90,6 +94,7 @@ int32_t client_connect(entity *ent, const char *cap_ip)
         goto fail;
     }
     change_state(ent, ST_SSL_DONE);
+    pstat_phase(PS_AUTH);
 
     if (send_auth_req(ent) == 0) {
         change_state(ent, ST_AUTH_SENT);
@@ -97,6 +102,7 @@ int32_t client_connect(entity *ent, const char *cap_ip)
     }
 
 fail:
+    pstat_fail("CONNECT_FAILED");
     client_close_timer();
     free_entity(ent);
     return -1;
@@ -114,6 +120,7 @@ void client_loop(void)
     // and the RE's own initialisation.
     if (tolvaGetMeshLock() < 0) {
         LOG(3, "other process locked MeshLock, retry!");
+        pstat_fail("LOCK_BUSY");
         // The connection goes now: it would hold the CAP's only slot.
         free_entity(main_ent);
         nap_ms(3000);
@@ -179,6 +186,7 @@ int32_t client_timer_expired(void)
         return 0;   // the attempt was over before the alarm was seen
     LOG_AS(3, "client_free_connect", "%d s timer reached, interaction timeout, free it.\n",
            (int)CLIENT_TIMEOUT);
+    pstat_fail("TIMEOUT");
     change_state(main_ent, ST_STOP);
     if (main_ent->ssl)
         entity_disconnect(main_ent);

@@ -20,6 +20,7 @@
 #include "util/addr.h"
 #include "util/log.h"
 #include "util/proc.h"
+#include "util/pstat.h"
 #include "util/shell.h"
 #include "util/sig.h"
 #include "util/sys.h"
@@ -209,6 +210,7 @@ int32_t cap_flow(void)
     if (g_ifname[0])
         dd_srv_probe(g_ifname);
     init_mesh_cable();
+    pstat_phase(PS_WAITING);
     do {
         __atomic_store_n(&ip_changed, 0, __ATOMIC_RELAXED);
         start_mesh_server(g_ifname, 0);
@@ -237,6 +239,7 @@ static int32_t re_initted(void)
 // Probes until a CAP answers. 1 = the box turned out to be initialised.
 static int32_t re_discover(void)
 {
+    pstat_phase(PS_DISCOVERY);
     for (;;) {
         if (re_initted())
             return 1;

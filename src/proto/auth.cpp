@@ -10,6 +10,7 @@
 #include "util/codec.h"
 #include "util/log.h"
 #include "util/proc.h"
+#include "util/pstat.h"
 
 // A request body with room for terminators behind its unterminated fields.
 struct auth_req_text {
@@ -125,11 +126,15 @@ int32_t process_auth_req(entity *ent, const uint8_t *body)
     }
     send_auth_reply(ent, REPLY_OK, nullptr);
     change_state(ent, ST_RUNNING);
+    pstat_phase(PS_CONFIG);
     return 0;
 
 fail:
     send_auth_reply(ent, REPLY_FAIL, reason);
     report_status("%s=%s:%d", "mesh.re.conn.fail", "AUTH_FAILED", 1);
+    pstat_fail("AUTH_FAILED");
+    if (g_is_server)
+        pstat_refused();
     LOG(3, ENT_FMT " auth failed. disconnect.\n", ent->name);
     free_entity(ent);
     return -1;
@@ -161,15 +166,19 @@ int32_t process_auth_reply(entity *ent, const uint8_t *body)
         return 0;
     }
     change_state(ent, ST_RUNNING);
+    pstat_macs(ent->macaddr, ent->mac2, ent->mac5);
+    pstat_phase(PS_CONFIG);
     if (send_mesh_conf(ent) == 0)
         return 0;
     report_status("%s=%s:%d", "mesh.re.conn.fail", "SYNC_FAILED", 1);
+    pstat_fail("SYNC_FAILED");
     LOG(3, ENT_FMT " send sync conf falied. disconnect.\n", ent->name);
     free_entity(ent);
     return -1;
 
 fail:
     report_status("%s=%s:%d", "mesh.re.conn.fail", "AUTH_FAILED", 1);
+    pstat_fail("AUTH_FAILED");
     LOG(3, ENT_FMT " auth reply failed. disconnect.\n", ent->name);
     free_entity(ent);
     return -1;

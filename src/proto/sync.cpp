@@ -9,6 +9,7 @@
 #include "proto/frame.h"
 #include "util/log.h"
 #include "util/proc.h"
+#include "util/pstat.h"
 #include "util/shell.h"
 
 char g_locate[64] = "default";
@@ -86,6 +87,7 @@ int32_t process_sync_req(entity *ent, const uint8_t *body)
 int32_t sync_init_re(entity *ent)
 {
     const char *text = accepted.text;
+    pstat_phase(PS_INITIALISING);
     switch_conning_light(2);
     LOG(3, "[" ENT_FMT "] NOTE: execute tolvaInitRE procedure ........\n", ent->name);
     LOG(3, "[" ENT_FMT "] initRE json: [%s] \n", ent->name, text);
@@ -95,6 +97,7 @@ int32_t sync_init_re(entity *ent)
         // Counted as paired even when the script reported failure.
         g_is_success = 1;
     }
+    pstat_phase(PS_PAIRED);
     switch_conning_light(0);
     change_state(ent, ST_STOP);
     free_entity(ent);
@@ -132,6 +135,7 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
 
     if (reply.code != REPLY_OK) {
         report_status("%s=%s:%d", "mesh.re.conn.fail", "SYNC_FAILED", 1);
+        pstat_fail("SYNC_FAILED");
         LOG(3, "[" ENT_FMT "] sync config rejected: [%d:%s] .\n", ent->name, reply.code, text);
     } else {
         // Terminated copies: a full 19-byte MAC field carries no terminator.
@@ -146,6 +150,7 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
 
         LOG(3, "[" ENT_FMT "] sync config success.\n", ent->name);
         switch_conning_light(1);
+        pstat_phase(PS_INITIALISING);
         LOG(3, "[" ENT_FMT "] NOTE: execute tolvaInitCap procedure ........\n", ent->name);
         LOG(3, "[" ENT_FMT "] tolvaInitCap,macaddr: %s, 2g: %s, 5g: %s\n", ent->name, macaddr, mac2,
             mac5);
@@ -153,6 +158,7 @@ int32_t process_sync_reply(entity *ent, const uint8_t *body)
             disconnect_others(ent);
             tolvaInitCap(&ent->wifi_conf, macaddr, mac2, mac5, 1);
         }
+        pstat_phase(PS_PAIRED);
         switch_conning_light(0);
     }
     change_state(ent, ST_STOP);

@@ -19,6 +19,7 @@
 #include "util/addr.h"
 #include "util/log.h"
 #include "util/proc.h"
+#include "util/pstat.h"
 #include "util/shell.h"
 #include "util/sig.h"
 
@@ -184,6 +185,7 @@ int32_t handle_new_connection(entity *main)
                 LOG(3, "[" ENT_FMT "] is alive, fd: %d.\n", ent_pool[i].name, ent_pool[i].fd);
         }
         pthread_mutex_unlock(&lock);
+        pstat_refused();
         return 0;
     }
     pthread_mutex_unlock(&lock);
@@ -274,7 +276,10 @@ void *server_loop(void *arg)
     if (peer_mesh_lock(slot, gen) < 0) {
         // Another pairing is running; the peer's MAC is not known yet.
         tolvaMeshUpdateFailureStatus(ent->macaddr);
+        pstat_refused();
     } else {
+        // The record's name is "peer-" and the address.
+        int32_t attempt = pstat_begin(PS_TLS, name + 5);
         struct timeval t0, t1;
         gettimeofday(&t0, NULL);
         pthread_mutex_lock(&lock);
@@ -282,8 +287,10 @@ void *server_loop(void *arg)
         pthread_mutex_unlock(&lock);
         if (ssl_accept(ent) != 0) {
             report_status("%s=%s:%d", "mesh.re.conn.fail", "CONNECT_FAILED", 1);
+            pstat_fail("CONNECT_FAILED");
             LOG(3, "[%s] ssl_accept failed.\n", name);
         } else {
+            pstat_phase(PS_AUTH);
             while (ent->ssl && ent->state != ST_STOP)
                 recv_message(ent);
             LOG(3, "[%s] thread %d end .\n", name, (int)pthread_self());
@@ -295,6 +302,7 @@ void *server_loop(void *arg)
             report_status("%s=%s:%d", "mesh.re.conn.duration", "wire", secs);
             report_status("%s=%s:%s", "mesh.re.conn.type", "wire", "1");
         }
+        pstat_done(attempt);   // before the lock goes: the next peer's phases are its own
         pthread_mutex_lock(&lock);
         peer_mesh_unlock_locked(slot, gen);
         pthread_mutex_unlock(&lock);

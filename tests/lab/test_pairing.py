@@ -1,5 +1,6 @@
 """A whole pairing between the real CAP (plaitd -S) and RE (plaitd -C)."""
 import base64
+import json
 import re
 import signal
 
@@ -25,10 +26,20 @@ def test_whole_pairing(make_lab):
     lab.dhcp_uplink()
     gw, ip = lab.re.read("/tmp/cab_plaitd_gw_ip").split()
     assert gw == routerlab.FACTORY_IP and ip.startswith("192.168.77.")
-    assert re_.wait(20) == 0, re_.log()[-3000:]
+    seen = set()   # every version of both status files met while the pairing runs
+    routerlab.wait_until(lambda: seen.update(r.read(routerlab.STATUS) for r in lab.routers) or not re_.running(), 20, 0.01)
+    assert re_.wait(1) == 0, re_.log()[-3000:]
     assert f"RE triggered to get new gw:[{gw}] and ip:[{ip}] from iface: [eth4]\n" in re_.log()
     cap.wait_log("mesh.re.conn.type=wire:1", 5, stream="out")
     uci = lab.cap.uci   # the CAP's networks reach the RE's re_init (the unit pairing checks every argument)
+    seen.update(r.read(routerlab.STATUS) for r in lab.routers)
+    final = [json.loads(r.read(routerlab.STATUS))["phase"] for r in lab.routers]
+    assert final == ["paired"] * 2, f"both status files end paired: {final}"
+    secrets = [v for r in lab.routers for k, v in r.uci.items() if k.endswith((".ssid", ".key")) and v]
+    secrets += re.findall(r"(?:id|pass):([^,\s]+)", re_.log() + cap.log())
+    assert len(secrets) >= 10, f"the SSIDs, keys, ids and passes looked for: {secrets}"
+    leaked = [s for s in secrets if any(s in v for v in seen if v)]
+    assert leaked == [], f"no secret in any status file version: {leaked}"
     bh = [b64(uci["wireless.bh_ap.ssid"]), b64(uci["wireless.bh_ap.key"])]
     (re_init,) = lab.re.calls("mesh_setup.sh", argv=True)
     assert re_init[2] == b64(uci["wireless.wifi1.ssid"]) and re_init[-4:] == bh + ["psk2", "1"], re_init

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "testing.h"
+#include "util/pstat.h"
 
 TEST(Util, HmacOfEachRoleLogLevelsAndStatusRecord)
 {
@@ -223,6 +224,50 @@ TEST(Util, MeshLockLifeOwnershipAndStatusFile)
     EXPECT_STREQ("failed", st);
     log_level = 7;
     fake_sys_uptime = 0;
+}
+
+// Each phase as written; a change renames a new file over it, a repeated call writes none.
+TEST(Util, StatusFileAtEachPhase)
+{
+    memset(&g_pstat, 0, sizeof(g_pstat));
+    g_is_server = 0;
+    fake_sys_uptime = 300;
+    pstat_begin(PS_CONNECTING, "192.168.77.1\"}");
+    pstat_macs("28:6C:07:20:00:01", nullptr, "x");
+    const struct {
+        int32_t phase;
+        const char *name;
+        int failed, pairings;   // after the time-out in auth; pairings so far
+    } rows[] = {{PS_DISCOVERY, "discovery", 0, 0},
+                {PS_CONNECTING, "connecting", 0, 0},
+                {PS_TLS, "tls", 0, 0},
+                {PS_AUTH, "auth", 0, 0},
+                {PS_FAILED, "failed", 1, 0},
+                {PS_CONFIG, "config", 1, 0},
+                {PS_INITIALISING, "initialising", 1, 0},
+                {PS_PAIRED, "paired", 1, 1},
+                {PS_WAITING, "waiting", 1, 1}};
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
+        struct stat was = {}, now = {};
+        stat(PSTAT_FILE, &was);
+        r.phase == PS_FAILED ? pstat_fail("TIMEOUT") : pstat_phase(r.phase);
+        stat(PSTAT_FILE, &now);
+        EXPECT_NE(now.st_ino, was.st_ino);
+        pstat_phase(r.phase);
+        stat(PSTAT_FILE, &was);
+        EXPECT_EQ(was.st_ino, now.st_ino);
+        char want[PSTAT_TEXT_SIZE], got[PSTAT_TEXT_SIZE] = {0};
+        snprintf(want, sizeof(want),
+                 "{\"role\":\"re\",\"pid\":%d,\"phase\":\"%s\",\"since\":300,\"peer\":{\"addr\":"
+                 "\"192.168.77.1??\",\"mac\":\"28:6C:07:20:00:01\",\"mac2\":\"\",\"mac5\":\"?\"},"
+                 "\"last_failure\":{\"reason\":\"%s\",\"phase\":\"%s\"},\"attempts\":1,"
+                 "\"pairings\":%d,\"refusals\":0}\n",
+                 (int)getpid(), r.name, r.failed ? "TIMEOUT" : "", r.failed ? "auth" : "",
+                 r.pairings);
+        f_string_read(PSTAT_FILE, got, sizeof(got) - 1);
+        EXPECT_STREQ(got, want);
+    }
 }
 
 // A command starts with no signal blocked and SIGPIPE (bit 12) not ignored, though
