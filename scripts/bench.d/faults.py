@@ -118,6 +118,7 @@ def left_behind(run):
     """What the run left: lock files, status files, the CAP's descriptors and threads against
     before the RE started, and whether the CAP still takes a new peer (its serving count)."""
     lab, cap = run.lab, run.cap
+    lab.impair()   # a good cable for the checks
     idle = bl.rl.wait_until(lambda: cap.running() and cap.figures()[:2] == run.base, 5 + CAP_INIT_S)
     out = {"cap_lock": os.path.exists(lab.cap.path(bl.rl.LOCK)), "re_lock": os.path.exists(lab.re.path(bl.rl.LOCK)),
            "status": sorted(f for f in os.listdir(lab.cap.path("/tmp")) if f.endswith("-status")),
