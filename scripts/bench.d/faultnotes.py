@@ -13,7 +13,7 @@ SETUP = [
     "The CAP (`plaitd -S -o -i br-lan`) is started and awaited until it listens, the fault is set, then the RE "
     "(`plaitd -C -o -i eth4`, static uplink, the factory address on its br-lan). t = 0 is the RE's start stamp, "
     "the end its `re_init` call (the last one, when an RE was restarted). An event fires when its phase's mark "
-    "appears: discovery, the RE's \"check boot status: boot procedure finished.\" (its first probe follows); "
+    "appears: discovery, the RE's first log line (its first probe follows some 30 ms later, after its start-up commands); "
     "the TLS handshake, the CAP's \"SSL_accept()....\"; authentication, the CAP's receipt of the RE's request "
     "(message type 4); the configuration exchange, the CAP's \"ST_AUTH_SENT -> ST_RUNNING\" (it then collects "
     "its Wi-Fi configuration, half a second of `mesh_tool initbuf`, and sends it); `cap_init`, the stand-in's "

@@ -26,7 +26,7 @@ NETEM = (("loss 5 %", {"loss": 5}), ("loss 20 %", {"loss": 20}), ("loss 40 %", {
          ("reorder 25 % (delay 10 ms)", {"delay": 10, "reorder": 25}),
          ("duplicate 10 %", {"duplicate": 10}), ("corrupt 1 %", {"corrupt": 1}))
 # phase: (router, "log" or "calls", the text that marks it, cable delay ms that widens it)
-PHASES = {"discovery": ("re", "log", "check boot status: boot procedure finished.\n", 0),
+PHASES = {"discovery": ("re", "log", "enable log with level:", 0),
           "handshake": ("cap", "log", "] SSL_accept()....\n", SLOW_LINK_MS),
           "authentication": ("cap", "log", "] recv msg, type: 4, body len:", SLOW_LINK_MS),
           "exchange": ("cap", "log", ": ST_AUTH_SENT -> ST_RUNNING \n", 0),
