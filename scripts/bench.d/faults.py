@@ -57,7 +57,13 @@ class Run:
             lab.impair(delay=ph[3])
         if sc.get("phase") == "cap_init":
             lab.cap.write("/lab/ans/mesh_setup.sh", f'[ "$1" = cap_init ] && sleep {CAP_INIT_S}\nexit 0\n')
+        self.thread = threading.Thread(target=self.event, daemon=True) if sc.get("event") else None
+        if self.thread and self.at_start():   # the RE starts into the event
+            self.thread.start()
+            bl.rl.wait_until(lambda: self.fired is not None, 5)
         self.re = bl.start(lab.re, bl.RE_ARGS, False)
+        if self.thread and not self.at_start():
+            self.thread.start()
         bl.rl.wait_until(lambda: lab.re.read(bl.T0_FILE), 5)
         self.t0 = float(lab.re.read(bl.T0_FILE))
 
@@ -69,8 +75,14 @@ class Run:
         """The logs of that router's daemons, one per instance."""
         return self.logs[who] + [(self.cap if who == "cap" else self.re).log()]
 
+    def at_start(self):
+        """Discovery starts with the RE: a pull or a CAP kill then comes just before the RE's start."""
+        return self.sc.get("phase") == "discovery" and self.sc["event"] != "re"
+
     def marked(self):
         who, kind, mark, _ = PHASES[self.sc["phase"]]
+        if self.at_start():
+            return True
         router = self.lab.cap if who == "cap" else self.lab.re
         return mark in (self.text(who) if kind == "log" else router.read(bl.rl.CALLS) or "")
 
@@ -90,7 +102,7 @@ class Run:
         """The scenario's event once its phase is marked (at most BOUND_S)."""
         if not bl.rl.wait_until(self.marked, BOUND_S, step=0.002):
             return
-        self.fired = time.time() - self.t0
+        self.fired = time.time()
         if self.sc["event"] == "pull":
             self.lab.cable(False)
             time.sleep(self.sc["arg"])
@@ -152,21 +164,20 @@ def one(b, name, sc, i):
     """One run of a scenario on a fresh lab; its record."""
     with bl.fresh_lab(b, wire=True) as lab:
         run = Run(lab, sc)
-        ev = threading.Thread(target=run.event, daemon=True) if sc.get("event") else None
-        if ev:
-            ev.start()
+        ev = run.thread
         ok, t = paired(run)
         if ev:
             ev.join(30)
         if run.re.running():
             run.re.stop()
-        rec = {"name": name, "i": i, "paired": ok, "t": t, "fired": run.fired, "left": left_behind(run),
+        fired = run.fired - run.t0 if run.fired is not None else None
+        rec = {"name": name, "i": i, "paired": ok, "t": t, "fired": fired, "left": left_behind(run),
                "timers": timers(run, t)}
-        if not ok:
-            rec["tail"] = {"re": run.text("re")[-1500:], "cap": run.text("cap")[-1500:]}
+        if not ok or t > 30:
+            rec["log"] = {"re": run.text("re"), "cap": run.text("cap")}
         run.cap.stop()
     bl.log(f"faults: {name} run {i + 1}: paired {ok} in {t if t is None else round(t, 2)} s; "
-           f"event at {run.fired}; timers {rec['timers']}; left {rec['left']}")
+           f"event at {fired}; timers {rec['timers']}; left {rec['left']}")
     return rec
 
 
