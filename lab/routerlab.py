@@ -26,6 +26,7 @@ FACTORY_IP, RE_STATIC_IP = "192.168.77.1", "192.168.77.20"
 RE_MAC = "28:6C:07:20:00:01"   # the first RE's uplink (Router.mac); the CAP's is 28:6C:07:10:00:01
 ROUTER_ENV = {"PATH": "/bin:/sbin:/usr/bin:/usr/sbin", "HOME": "/root", "TERM": "dumb"}
 CALLS = "/tmp/lab-calls.log"
+WIRE_ENDS = ("w0", "w1")   # Lab(wire=True): the cable's ends at the CAP's eth0 and the RE's eth4
 LISTENING, LOCK = "enter server looping....\n", "/var/run/plaitd.lock"   # the CAP listens; the mesh lock
 STATUS = "/var/run/plaitd.json"   # the daemon's status file
 VALGRIND_BINS = ("/usr/bin/valgrind", "/usr/bin/valgrind.bin")   # Lab(valgrind=True)
@@ -449,12 +450,14 @@ class Lab:
     _live = set()
 
     def __init__(self, cap_uci=None, re_uci=None, cap_answers=None, re_answers=None,
-                 re_lan_ip=FACTORY_IP, uniq=None, base=None, owned=True, valgrind=False, n=1):
+                 re_lan_ip=FACTORY_IP, uniq=None, base=None, owned=True, valgrind=False, n=1, wire=False):
         self.valgrind = valgrind   # routers can run their programs under valgrind
         self.uniq = uniq or f"lab-{os.getpid()}-{secrets.token_hex(2)}"
         self.dir = os.path.join(base or LAB_BASE, self.uniq)
         self.re_lan_ip, self.owned = re_lan_ip, owned
         self.switch = f"{self.uniq}-sw" if n > 1 else None
+        self.wire = f"{self.uniq}-wire" if wire and n == 1 else None   # the cable with faults (wire.py)
+        self.relay = None
         self.cap = Router(self, "cap", cap_uci, cap_answers)
         self.res = [Router(self, "re" + str(k) * (k > 1), re_uci, re_answers, k) for k in range(1, n + 1)]
         self.re, self.routers = self.res[0], (self.cap, *self.res)
@@ -467,6 +470,8 @@ class Lab:
             for r in self.routers:
                 r.build()
             self._net()
+            if self.wire:
+                self._relay()
             for step in [r.start_holder for r in self.routers] + [r.wait_holder for r in self.routers]:
                 step()
         except BaseException:
@@ -484,7 +489,10 @@ class Lab:
         if sw:
             batches[sw] = bridge("sw") + [x for r in self.routers for x in (
                 veth(f"p{r.k}", r), f"link set p{r.k} master sw", f"link set p{r.k} up")]
-        batches[self.cap.ns] = bridge("br-lan") + ([] if sw else [veth("eth0", self.re)]) + [
+        if self.wire:
+            batches[self.wire] = ["link set lo up"] + [x for r, w in zip(self.routers, WIRE_ENDS) for x in (
+                veth(w, r), f"link set {w} up")]
+        batches[self.cap.ns] = bridge("br-lan") + ([] if sw or self.wire else [veth("eth0", self.re)]) + [
             "link set eth0 master br-lan", "link set eth0 up", f"addr add {FACTORY_IP}/24 brd + dev br-lan"]
         lan = [f"addr add {self.re_lan_ip}/24 brd + dev br-lan"] if self.re_lan_ip else []
         batches.update((r.ns, bridge("br-lan") + ["link set eth4 up"] + lan) for r in self.res)
@@ -492,6 +500,49 @@ class Lab:
             _run(["ip", "netns", "add", ns])
         for ns, lines in batches.items():
             _run(["ip", "-n", ns, "-batch", "-"], input="\n".join(lines) + "\n")
+
+    def _relay(self):
+        """Starts wire.py between w0 and w1, with no fault yet. Every frame on the cable is a wire
+        frame: no segmentation or checksum offload at the ends, so a corrupted one fails its checksum."""
+        _run(["ip", "netns", "exec", self.wire, "sysctl", "-qw", "net.ipv6.conf.all.disable_ipv6=1"])   # a quiet cable
+        for ns, dev in [(self.cap.ns, "eth0"), (self.re.ns, "eth4")] + [(self.wire, w) for w in WIRE_ENDS]:
+            _run(["ip", "netns", "exec", ns, "ethtool", "-K", dev, "tx", "off", "tso", "off", "gso", "off"])
+        self.impair()
+        out = os.path.join(self.dir, "wire.out")
+        with open(out, "w") as f:
+            self.relay = subprocess.Popen([NSENTER, f"--net=/run/netns/{self.wire}", "/usr/bin/python3",
+                                           os.path.join(HERE, "wire.py"), os.path.join(self.dir, "wire.json")],
+                                          stdin=subprocess.DEVNULL, stdout=f, stderr=subprocess.STDOUT)
+        if not wait_until(lambda: "ready" in _text(out) or self.relay.poll() is not None, 10) or self.relay.poll():
+            raise RuntimeError("the cable's relay did not start: " + _text(out))
+        self._carries()
+
+    def _carries(self, timeout=5):
+        """Waits until a test frame from the RE's eth4 reaches the CAP's br-lan (wire.py heard)."""
+        wire = os.path.join(HERE, "wire.py")
+        ear = subprocess.Popen(self.cap.netns_argv(["/usr/bin/python3", wire, "heard", "br-lan", str(timeout)]),
+                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+        ear.stdout.readline()
+        mouth = subprocess.Popen(self.re.netns_argv(["/usr/bin/python3", wire, "hello", "eth4", str(timeout)]),
+                                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+        rc = ear.wait(timeout + 5)
+        mouth.kill()
+        mouth.wait(5)
+        if rc != 0:
+            raise RuntimeError("the cable's relay carries no frame")
+
+    def impair(self, **netem):
+        """What the cable does to each frame from now on (wire.py): loss, delay, jitter, reorder,
+        duplicate, corrupt (% or ms), seed; none: a good cable."""
+        tmp = os.path.join(self.dir, "wire.json.new")
+        with open(tmp, "w") as f:
+            json.dump(netem, f)
+        os.replace(tmp, os.path.join(self.dir, "wire.json"))
+
+    def cable(self, plugged):
+        """Pulls the cable (both routers lose carrier) or puts it back."""
+        for w in WIRE_ENDS:
+            _run(["ip", "-n", self.wire, "link", "set", w, "up" if plugged else "down"])
 
     def static_uplink(self, ip=None, gw=FACTORY_IP):
         """Gives each RE's eth4 a fixed address (ip, else r.ip: .20, .21, ...) and its gateway file."""
@@ -527,7 +578,10 @@ class Lab:
                 step()
             except Exception as e:   # keep tearing down
                 errors.append(e)
-        for ns in [r.ns for r in self.routers] + [self.switch]:
+        if self.relay and self.relay.poll() is None:
+            self.relay.kill()
+            self.relay.wait(5)
+        for ns in [r.ns for r in self.routers] + [self.switch, self.wire]:
             if ns and os.path.exists(f"/run/netns/{ns}"):
                 subprocess.run(["ip", "netns", "del", ns], capture_output=True, timeout=10)
         if not os.environ.get("LAB_KEEP"):

@@ -1,9 +1,11 @@
 // Discovery: the CAP's responder thread and the RE's probe.
 #include "discovery/ddprobe.h"
 
+#include <net/if.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <time.h>
 
 #include "conn/entity.h"
@@ -169,6 +171,21 @@ int dd_srv_probe(const char *ifname)
 // need not wait for: it is closed by the next probe or the clean-up.
 static int32_t found_raw = -1;
 
+// The request leaves on the uplink even when another interface holds the
+// same address: a limited broadcast from a bound address goes out of the
+// first interface that has it, and an RE stopped without its clean-up (a
+// crash, a power cut) keeps br-lan on the uplink's address; its requests
+// then went into br-lan and no CAP was ever found again.
+static void clt_sender_on(int32_t fd, const char *ifname)
+{
+    if (!ifname || !ifname[0])
+        return;
+    char dev[IFNAMSIZ];
+    memset(dev, 0, sizeof(dev));
+    strncpy(dev, ifname, sizeof(dev) - 1);
+    (void)setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, dev, (socklen_t)strlen(dev) + 1);
+}
+
 void dd_clt_probe_end(void)
 {
     dd_destory_sockfd(&found_raw);
@@ -186,6 +203,8 @@ int dd_clt_probe(const char *ifname, char *cap_ip)
 
     int32_t sender = dd_create_sockfd(local_ip, 0, 1);
     int32_t raw = dd_create_rawfd(ifname);
+    if (sender >= 0)
+        clt_sender_on(sender, ifname);
     if (sender < 0 || raw < 0) {
         dd_destory_sockfd(&sender);
         dd_destory_sockfd(&raw);
