@@ -36,24 +36,12 @@ int32_t record_thread(pthread_t *, void *(*)(void *), void *arg)
 
 }   // namespace
 
-// A request is the magic without its NUL; no answer while a pairing holds the mesh lock; the
-// probe takes an answer only; the sockets' failures leak nothing.
-TEST(Discovery, RefusalsOfResponderProbeAndSockets)
+// The probe takes an answer only; the sockets' failures leak nothing. (What the responder and
+// the probe make of each datagram is the LAN fuzz driver's.)
+TEST(Discovery, ProbeAndSockets)
 {
-    char buf[DD_RAW_BUF + 1] = "KORVANE_RE_DDv1.0more", ip[16] = "x";
-    ASSERT_EQ(19, dd_srv_handle(buf, sizeof(buf), ""));
-    EXPECT_EQ(std::string("KORVANE_CAP_DDv1.0\0", 19), std::string(buf, 19));
-    EXPECT_EQ(0, dd_clt_match(buf, ip));
-    EXPECT_STREQ("", ip);
-    buf[17] = '1';
-    EXPECT_EQ(-1, dd_clt_match(buf, ip));
-    strcpy(buf, "KORVANE_RE_DDv1.1");
-    EXPECT_EQ(-1, dd_srv_handle(buf, sizeof(buf), "1.2.3.4"));
-    std::string now = std::to_string(uptime());
-    f_string_write(MESH_LOCK_FILE, now.c_str(), (uint32_t)now.size());
-    strcpy(buf, "KORVANE_RE_DDv1.0");
-    EXPECT_EQ(-1, dd_srv_handle(buf, sizeof(buf), "1.2.3.4"));
-    unlink(MESH_LOCK_FILE);
+    char buf[DD_RAW_BUF + 1];
+    char ip[16] = "x";
     ASSERT_TRUE(net_ok);
     int before = dup(0);
     close(before);
