@@ -2,7 +2,9 @@
 // discovery datagram at the CAP's responder and the RE's matcher (bit 2: a pairing holds the
 // mesh lock; bits 3-4: the CAP's address), 1 an Ethernet frame at the raw-socket parser (bits
 // 2-7: its buffer, 0 for the RE's 2048 bytes, else 32 bytes each), 2 the gateway file (bit 2: no
-// file); the rest is the input. Each decision is worked out here from the format, independently.
+// file), 3 the pairing session (bit 2 clear: messages from a hostile peer; set: the configuration
+// record the RE's initialisation takes); the rest is the input. Each decision is worked out here
+// from the format, independently.
 #include "testing.h"
 
 #define CHECK(c) ((c) ? (void)0 : (fprintf(stderr, "fuzz_lan: %s\n", #c), abort()))
@@ -92,19 +94,171 @@ void gw_file(const uint8_t *d, size_t size, int sel)
     CHECK(memcmp(got, two ? want[0] : kZero, sizeof(got)) == 0);
 }
 
-void (*const kReader[3])(const uint8_t *, size_t, int) = {datagram, frame, gw_file};
+// The state the message of `type` (body `b`, `n` bytes) may move `from` to; `from` when none.
+int32_t successor(int cap, int32_t from, uint16_t type, const uint8_t *b, size_t n)
+{
+    if (type == MSG_AUTH_REPLY)
+        return n >= 1 && b[0] == REPLY_OK && from == ST_AUTH_SENT
+                   ? (cap ? ST_RUNNING : ST_AUTH_SENT_2)
+                   : from;
+    if (type != MSG_AUTH_REQ || from != (cap ? ST_SSL_DONE : ST_AUTH_SENT_2) || n < 144)
+        return from;
+    char id[17] = {0}, pass[129] = {0}, want[64] = {0};
+    int32_t len = 0;
+    memcpy(id, b, 16);
+    memcpy(pass, b + 16, 128);
+    if (!id[0] || get_hmac_base64(cap ? 0 : 1, id, (int32_t)strlen(id), want, &len) != 0 ||
+        strcmp(want, pass) != 0)
+        return from;
+    return cap ? ST_AUTH_SENT : ST_RUNNING;
+}
+
+SSL_CTX *srv_ctx, *clt_ctx;
+
+// A real entity over a real TLS session. The first byte sets the scene (bit 0: CAP role, bits
+// 1-2: the state, bit 3: dry run, bit 4: the scripts fail, bit 5: the CAP knows the RE's MACs);
+// the rest is what the peer sends, read by recv_message frame by frame until the session ends.
+// The state moves forward only by the one message that may move it (an authentication only
+// with the other role's key), a platform script runs only for a configuration message taken in
+// ST_RUNNING, and both records go back to the pool.
+void session(const uint8_t *data, size_t size, int)
+{
+    static const int32_t states[4] = {ST_SSL_DONE, ST_AUTH_SENT, ST_AUTH_SENT_2, ST_RUNNING};
+    if (size < 1)
+        return;
+    const uint8_t scene = data[0];
+    const int cap = scene & 1;
+    data++;
+    size--;
+    current = 100;
+    g_dry_run = (scene >> 3) & 1;
+    g_is_success = 0;
+    strcpy(g_locate, "default");
+    fake_sys_router();
+    fake_sys_system_status((scene & 0x10) ? 256 : 0);
+    entity *c, *r;
+    CHECK(srv_ctx && clt_ctx && tls_connect_pair(srv_ctx, clt_ctx, &c, &r) == 0);
+    entity *ent = cap ? c : r;
+    entity *peer = cap ? r : c;
+    int sz = 1 << 18;   // room for the whole input and every answer: neither side blocks
+    setsockopt(peer->fd, SOL_SOCKET, SO_SNDBUF, &sz, sizeof(sz));
+    setsockopt(ent->fd, SOL_SOCKET, SO_SNDBUF, &sz, sizeof(sz));
+    if (cap && (scene & 0x20)) {
+        strcpy(ent->mac2, "28:6c:07:11:22:33");
+        strcpy(ent->mac5, "28:6c:07:11:22:34");
+        strcpy(ent->macaddr, "28:6c:07:aa:bb:cc");
+    }
+    change_state(ent, states[(scene >> 1) & 3]);
+    // The whole plaintext, then close_notify: the entity reads to the end.
+    CHECK(size == 0 || SSL_write(peer->ssl, data, (int)size) == (int)size);
+    SSL_set_quiet_shutdown(peer->ssl, 0);
+    SSL_shutdown(peer->ssl);
+
+    size_t off = 0;
+    for (int i = 0; i < 64 && ent->ssl && ent->state != ST_STOP; i++) {
+        // The frame the entity is about to read, as far as the input holds it.
+        uint16_t type = 0;
+        uint16_t len = 0;
+        if (off + MSG_HDR_SIZE <= size) {
+            len = (uint16_t)BE16(data + off + 2);
+            type = (uint16_t)BE16(data + off + 4);
+        }
+        const uint8_t *body = data + off + MSG_HDR_SIZE;
+        size_t have = off + MSG_HDR_SIZE < size ? size - off - MSG_HDR_SIZE : 0;
+        const int32_t from = ent->state;
+        const int32_t next = successor(cap, from, type, body, have < len ? have : len);
+        const size_t before = fake_sys_scripts();
+        g_is_server = cap;
+        if (recv_message(ent) == SYNC_ACCEPTED)   // as the RE's loop does
+            sync_init_re(ent);
+        off += MSG_HDR_SIZE + len;
+        CHECK(!ent->ssl || ent->state == from || ent->state == next || ent->state == ST_STOP);
+        CHECK(fake_sys_scripts() == before ||
+              (from == ST_RUNNING && type == (cap ? MSG_SYNC_REPLY : MSG_SYNC_REQ)));
+    }
+    g_is_server = 0;
+    free_entity(peer);
+    free_entity(ent);
+    main_ent = nullptr;
+    g_srving_cnt = 0;
+    for (int i = 0; i < ENT_POOL_SIZE; i++)
+        CHECK(ent_pool[i].ssl == nullptr);
+}
+
+const char kForbidden[] = "@`$#,;'\\\"[]&*()|<>";
+const char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=";
+const char *const kScripts[] = {"/usr/sbin/mesh_setup.sh re_init ",
+                                "/usr/sbin/mesh_setup.sh re_init_bsd ",
+                                "/usr/bin/lua /usr/sbin/mesh_info.lua locale "};
+const size_t kQuoted[] = {9, 6, 0};
+
+// A command line of the RE's initialisation: an expected script with its argument count, no
+// shell character outside the single quotes, every quoted argument base64, "null" or clean.
+void check_command(const std::string &cmd)
+{
+    int kind = 0;
+    while (kind < 3 && cmd.compare(0, strlen(kScripts[kind]), kScripts[kind]) != 0)
+        kind++;
+    CHECK(kind < 3);
+    std::vector<std::string> quoted;
+    bool in = false;
+    for (char c : cmd) {
+        if (c == '\'' && !in)
+            quoted.push_back("");
+        if (c == '\'')
+            in = !in;
+        else if (in)
+            quoted.back() += c;
+        else
+            CHECK(!strchr(kForbidden, c) && c != '\n');
+    }
+    CHECK(!in && quoted.size() == kQuoted[kind]);
+    for (const auto &a : quoted)
+        CHECK(
+            a.find_first_not_of(kBase64) == std::string::npos || a == "null" ||
+            (a.find_first_of(kForbidden) == std::string::npos && check_injection(a.c_str()) == 0));
+}
+
+// The RE's initialisation fed a WiFiConfig record (zero-padded when short) and the extra text
+// after it: a refused record runs no script, an accepted one exactly one.
+void record(const uint8_t *data, size_t size, int)
+{
+    WiFiConfig cfg{};
+    size_t n = size < sizeof(cfg) ? size : sizeof(cfg);
+    memcpy(&cfg, data, n);
+    std::string extra((const char *)data + n, size - n);   // as the RE hands it on: terminated
+    int rc = tolvaInitRe(&cfg, extra.c_str(), 1);
+    for (const auto &c : fake_sys_system_cmds())
+        check_command(c);
+    CHECK(rc >= -1 && rc <= 1);
+    CHECK(fake_sys_scripts() == (rc == -1 ? 0u : 1u));
+}
+
+void (*const kReader[5])(const uint8_t *, size_t, int) = {datagram, frame, gw_file, session,
+                                                          record};
+const size_t kMaxSize[5] = {DD_RAW_BUF, 2 * DD_RAW_BUF, 2 * DD_RAW_BUF, 8192, 4096};
 
 }   // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    signal(SIGPIPE, SIG_IGN);
+    log_mode = LOG_MODE_STDERR;
+    tls_setup("/tmp/fuzz_lan", &srv_ctx, &clt_ctx);
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static const char *only = getenv("FUZZ_LAN_ONLY");
-    const int sel = size ? data[0] : 3;
-    // A datagram of up to 2048 bytes, a frame or a file of up to 4096.
-    if ((sel & 3) == 3 || (only && (sel & 3) != atoi(only)) ||
-        size - 1 > ((sel & 3) ? 2 : 1) * (size_t)DD_RAW_BUF)
+    if (size < 1)
+        return 0;
+    const int sel = data[0];
+    const int reader = (sel & 3) == 3 ? 3 + ((sel >> 2) & 1) : sel & 3;
+    if ((only && reader != atoi(only)) || size - 1 > kMaxSize[reader])
         return 0;
     log_mode = LOG_MODE_STDERR;
-    kReader[sel & 3](data + 1, size - 1, sel);
+    fake_sys_install();
+    kReader[reader](data + 1, size - 1, sel);
     return 0;
 }

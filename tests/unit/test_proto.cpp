@@ -337,6 +337,7 @@ TEST_F(Proto, BytesOnTheWire)
 {
     std::string body(2004, 'b');
     g_is_server = 1;
+    strcpy(cap->mac2, "aa:bb:cc:00:00:02");   // known to the CAP, not sent
     EXPECT_EQ(2048, send_message(cap, 5, (const uint8_t *)body.data(), 2004));
     EXPECT_EQ(read_raw(re), std::string("\x10\x01\x07\xd4\x00\x05", 6) + std::string(38, 0) +
                                 body);   // a CAP sends no MACs
