@@ -8,6 +8,7 @@ import subprocess
 import time
 
 import benchlab as bl
+import faults
 import scale
 from analysis import cpu_cost, cpu_sample, mem, nfds, pairing_figures, rss_by_mapping
 from report import CALIBRATE, report
@@ -167,6 +168,8 @@ def full(args):
     summary, doc = report(ctx)
     print_summary(ctx, summary)
     if not args.no_doc:
-        # Sections other runs write: --scale's, scripts/routerkit's and the emulated routers'.
-        bl.write_doc(doc, keep=(scale.SECTION, "## Router builds", "## Emulated routers"))
+        # Sections other runs write: --scale's, --faults', scripts/routerkit's and the emulated
+        # routers'.
+        keep = (scale.SECTION, faults.SECTION, "## Router builds", "## Emulated routers")
+        bl.write_doc(doc, keep=keep)
         bl.log("wrote docs/performance.md")

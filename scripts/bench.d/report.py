@@ -95,6 +95,8 @@ def head(ctx, f, summary):
         "```sh",
         "scripts/bench            # as root; full run, about 2 minutes",
         "scripts/bench --quick    # 3 pairings, 10 s idle",
+        "scripts/bench --scale    # 1, 2, 4 and 8 REs at once; only its own section",
+        "scripts/bench --faults   # every fault and event, 3 runs each, about 30 min; only its own section",
         "```", "",
         f"This run: `{ctx['command']}` ({len(f.P)} pairings, {f.idl['idle']['seconds']:.0f} s idle), "
         f"{ctx['date']}, {ctx['duration']:.0f} s.", "",
