@@ -4,7 +4,6 @@
 #include <openssl/err.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <time.h>
 
 #include "util/log.h"
 #include "util/proc.h"
@@ -86,13 +85,6 @@ void ssl_uninit(void)
         SSL_CTX_free(g_ssl_ctx);
         g_ssl_ctx = nullptr;
     }
-}
-
-static int64_t now_ms(void)
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
 }
 
 // 1 when fd is ready for reading (or writing) within ms, else 0.

@@ -6,7 +6,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 
 #include "conn/entity.h"
 #include "conn/sockopt.h"
@@ -35,13 +34,6 @@ constexpr int CAP_MAGIC_LEN = 18;
 constexpr int64_t PROBE_WAIT_MS = 2000;
 constexpr int RAW_TIMEOUT_MS = 1000;   // the raw socket's receive time-out
 static_assert(PROBE_WAIT_MS >= RAW_TIMEOUT_MS, "a second of silence fits in the wait");
-
-int64_t probe_now_ms(void)
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
 
 // Sender on the LAN address (kernel-chosen port, broadcast on) and the
 // receiver on 0.0.0.0 at the discovery port. Both or neither.
@@ -219,12 +211,12 @@ int dd_clt_probe(const char *ifname, char *cap_ip)
 
     char buf[DD_RAW_BUF];
     int ret = -1;
-    const int64_t deadline = probe_now_ms() + PROBE_WAIT_MS;
+    const int64_t deadline = now_ms() + PROBE_WAIT_MS;
     for (;;) {
         // Frames that are not answers keep the loop going: a stop is not
         // left to the end of the probe.
         sig_stop_point();
-        int64_t left = deadline - probe_now_ms();
+        int64_t left = deadline - now_ms();
         if (left <= 0)
             break;
         // The last receive waits only for what is left of the bound.

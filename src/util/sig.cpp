@@ -101,6 +101,13 @@ void sig_stop_point(void)
         sig_safe_point();
 }
 
+int64_t now_ms(void)
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
+
 void nap_ms(int32_t ms)
 {
     int fd = sig_wake_fd();
@@ -108,12 +115,9 @@ void nap_ms(int32_t ms)
         usleep((useconds_t)ms * 1000);
         return;
     }
-    struct timespec t0, t;
-    clock_gettime(CLOCK_MONOTONIC, &t0);
+    const int64_t end = now_ms() + ms;
     for (;;) {
-        clock_gettime(CLOCK_MONOTONIC, &t);
-        int64_t left =
-            ms - ((int64_t)(t.tv_sec - t0.tv_sec) * 1000 + (t.tv_nsec - t0.tv_nsec) / 1000000);
+        int64_t left = end - now_ms();
         if (left <= 0)
             break;
         struct pollfd p = {fd, POLLIN, 0};

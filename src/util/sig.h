@@ -35,6 +35,8 @@ void sig_safe_point(void);
 // A safe point for a noted stop only: where the main thread waits for a
 // command or reads frames, other notes wait for the caller's next safe point.
 void sig_stop_point(void);
+// Milliseconds of a clock that setting the date does not move (CLOCK_MONOTONIC).
+int64_t now_ms(void);
 // Sleeps ms milliseconds, acting on signals as they arrive.
 void nap_ms(int32_t ms);
 // pthread_create for a detached thread that starts with the noted signals
