@@ -1,5 +1,4 @@
 """A whole pairing between the real CAP (plaitd -S) and RE (plaitd -C)."""
-import base64
 import json
 import re
 import signal
@@ -7,10 +6,6 @@ import signal
 import routerlab
 
 MACLISTS = ("/tmp/bh_maclist_2g", "/tmp/bh_maclist_5g")
-
-
-def b64(s):
-    return base64.b64encode(s.encode()).decode()
 
 
 def test_whole_pairing(make_lab):
@@ -31,7 +26,6 @@ def test_whole_pairing(make_lab):
     assert re_.wait(1) == 0, re_.log()[-3000:]
     assert f"RE triggered to get new gw:[{gw}] and ip:[{ip}] from iface: [eth4]\n" in re_.log()
     cap.wait_log("mesh.re.conn.type=wire:1", 5, stream="out")
-    uci = lab.cap.uci   # the CAP's networks reach the RE's re_init (the unit pairing checks every argument)
     seen.update(r.read(routerlab.STATUS) for r in lab.routers)
     final = [json.loads(r.read(routerlab.STATUS))["phase"] for r in lab.routers]
     assert final == ["paired"] * 2, f"both status files end paired: {final}"
@@ -40,19 +34,9 @@ def test_whole_pairing(make_lab):
     assert len(secrets) >= 10, f"the SSIDs, keys, ids and passes looked for: {secrets}"
     leaked = [s for s in secrets if any(s in v for v in seen if v)]
     assert leaked == [], f"no secret in any status file version: {leaked}"
-    bh = [b64(uci["wireless.bh_ap.ssid"]), b64(uci["wireless.bh_ap.key"])]
-    (re_init,) = lab.re.calls("mesh_setup.sh", argv=True)
-    assert re_init[2] == b64(uci["wireless.wifi1.ssid"]) and re_init[-4:] == bh + ["psk2", "1"], re_init
-    # the CAP: the RE's MAC, four addresses derived from its radio MACs, the backhaul
-    mac2, mac5 = (lab.re.uci[f"wireless.{s}.macaddr"].upper() for s in ("wifi1", "wifi0"))
-    derived = [o + m[2:] for o, m in zip(("32", "32", "2E", "2E"), (mac2, mac5, mac2, mac5))]
-    assert [c[1:] for c in lab.cap.calls("mesh_setup.sh", argv=True)] == [["cap_init", routerlab.RE_MAC] + derived + bh + ["1"]]
-    assert [c[:2] for c in lab.cap.calls("vsled", "mesh_setup.sh", argv=True)] == [
-        ["vsled", "meshing"], ["mesh_setup.sh", "cap_init"], ["vsled", "mesh_finish"]]
-    assert [c[:2] for c in lab.re.calls("vsled", "mesh_setup.sh", "lua", argv=True)] == [
-        ["vsled", "mesh_join"], ["lua", "/usr/sbin/mesh_info.lua"], ["mesh_setup.sh", "re_init"], ["vsled", "mesh_finish"]]
-    # status records exactly as formatted: no line feed between them
-    assert re.search(r"\nmesh\.re\.conn\.duration=wire:\d+mesh\.re\.conn\.type=wire:1$", cap.out()), cap.out()
+    # each side ran its script once (the unit pairing checks every argument and the order of calls)
+    assert [c[1] for c in lab.cap.calls("mesh_setup.sh", argv=True)] == ["cap_init"]
+    assert [c[1] for c in lab.re.calls("mesh_setup.sh", argv=True)] == ["re_init"]
     assert "mesh.re.conn.fail" not in cap.out() + re_.out()
     assert lab.re.read("/tmp/extra_wifi_param").startswith('{"mesh":')
     assert [lab.re.read(f) for f in MACLISTS] + [r.read(routerlab.LOCK) for r in lab.routers] == [None] * 4
