@@ -15,11 +15,11 @@ HONEST = [["auth_req", {}], ["recv", {}], ["recv", {}], ["reply", {}], ["recv", 
 
 def stop_and_check(router, proc, sig, bad):
     """Signal: exit 255 within 2 s, with the clean-up and no lock file left.
-    None when the daemon had paired and ended by itself before."""
+    None when the daemon had paired (the stop came after, or on its way out)."""
     proc.signal(sig)
     rc, log = proc.wait(2.0), proc.log()
-    if rc == 0 and "RE cab mesh init done. exit.\n" in log:
-        return None
+    if rc in (0, 255) and "RE cab mesh init done. exit.\n" in log:
+        return None   # paired: a stop on its way out keeps the paired address
     if not (rc == 255 and f"NOTE: get sig: {int(sig)}.\n" in log and "cleanup cable-mesh resources before exit.\n"
             in log and router.read(routerlab.LOCK) is None):
         bad.append((rc, log[-1500:]))
